@@ -1,0 +1,51 @@
+// The host queries, answered with fixed values so that tests can expect them.
+
+#include <stdio.h>
+#include <stdlib.h>
+
+#include "common/zd_env.h"
+
+const char *env_get_home_name_with_type(int) {
+    return "ZD_HOME";
+}
+
+const char *env_get_home_with_type(int) {
+    const char *home = getenv("ZD_HOME");
+    return home != nullptr ? home : "";
+}
+
+const char *env_get_sid_with_type(int) {
+    return "testsid";
+}
+
+const char *env_get_product_name_with_type(int) {
+    return "Zerdal";
+}
+
+int env_build_info_major_with_type(int) {
+    return 7;
+}
+
+const char *env_build_info_branch_with_type(int) {
+    return "main";
+}
+
+const char *env_build_info_build_revision_with_type(int) {
+    return "r1234";
+}
+
+const char *env_build_info_platform_with_type(int) {
+    return "Linux x86_64";
+}
+
+const char *env_build_info_byte_ordering_with_type(int) {
+    return "little-endian";
+}
+
+const char *env_build_info_build_date_with_type(int) {
+    return "Jan  2 2024";
+}
+
+const char *env_build_info_build_time_with_type(int) {
+    return "03:04:05";
+}

@@ -1,0 +1,68 @@
+#include "client/common/client_try.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+namespace {
+
+constexpr ec_t kInvalidProtocol = -140002;
+constexpr ec_t kFail = -140006;
+
+void raise(ec_t ec) {
+    zd_err_and_jmp("client_try_test", 1, "raise", 0, 0, ec);
+}
+
+TEST(ClientTry, ThrownCodeComesBackFromTheFrame) {
+    EXPECT_EQ(client_try([] { raise(kInvalidProtocol); }), kInvalidProtocol);
+}
+
+TEST(ClientTry, BodyThatReturnsYieldsZero) {
+    EXPECT_EQ(client_try([] {}), 0);
+}
+
+TEST(ClientTry, SlotIsEmptyOutsideEveryFrame) {
+    ASSERT_EQ(client_try([] {}), 0);
+    EXPECT_EQ(pthread_getspecific(client_try_jmpbuf_key_), nullptr);
+    ASSERT_EQ(client_try([] { raise(kFail); }), kFail);
+    EXPECT_EQ(pthread_getspecific(client_try_jmpbuf_key_), nullptr);
+}
+
+TEST(ClientTry, SlotPointsAtAFrameInsideTheBody) {
+    void *volatile inside = nullptr;
+    ASSERT_EQ(client_try([&] { inside = pthread_getspecific(client_try_jmpbuf_key_); }), 0);
+    EXPECT_NE(inside, nullptr);
+}
+
+TEST(ClientTry, ThrowLandsInTheInnermostFrame) {
+    volatile ec_t inner = 0;
+    const ec_t outer = client_try([&] { inner = client_try([] { raise(kFail); }); });
+    EXPECT_EQ(inner, kFail);
+    EXPECT_EQ(outer, 0);
+}
+
+TEST(ClientTry, ThrowFromAHandlerLandsInTheEnclosingFrame) {
+    const ec_t outer = client_try([] {
+        if (client_try([] { raise(kFail); }) != 0)
+            raise(kInvalidProtocol);
+    });
+    EXPECT_EQ(outer, kInvalidProtocol);
+}
+
+TEST(ClientTry, FramesOfOneThreadAreUnknownToAnother) {
+    int unseen = 0;
+    void *volatile seen = &unseen;
+    ASSERT_EQ(client_try([&] {
+                  std::thread([&] { seen = pthread_getspecific(client_try_jmpbuf_key_); }).join();
+              }),
+              0);
+    EXPECT_EQ(seen, nullptr);
+}
+
+TEST(ClientTryDeathTest, ThrowOutsideEveryFrameIsAnAssertion) {
+    EXPECT_EXIT(raise(kFail), testing::KilledBySignal(SIGABRT),
+                "^client_try:111: Assertion fail with condition 'jmpbuf != NULL' "
+                "\\(PID=[0-9]+, pthread id=[0-9]+\\)\n");
+}
+
+} // namespace
