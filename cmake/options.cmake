@@ -21,3 +21,8 @@ if(ZDEPL_SANITIZE)
     -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${ZDEPL_SANITIZE})
 endif()
+
+# Fuzzing is steered by the edges that a run reaches, so everything is built to report them.
+if(ZDEPL_FUZZERS)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
