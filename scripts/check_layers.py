@@ -3,7 +3,8 @@
 
 usage: scripts/check_layers.py SOURCE_FOLDER [GENERATED_FOLDER]
 
-A unit is a path below src/ without its extension; name.h and name.cpp (or .S, .l) are one unit.
+A unit is a path below src/ without its extension; name.h and name.cpp (or .S, .l) are one unit,
+and so is name_part.inc, a generated piece of name.cpp.
 A unit includes units of its own layer and of the layers below it, and no units include each other
 in a circle. A unit that is not in the table is an error: add it to its layer here, and to the
 picture in ARCHITECTURE.md when it is a new part of it.
@@ -83,7 +84,8 @@ def source_files(folder):
 
 
 def unit_of(path):
-    return os.path.splitext(path)[0]
+    name, extension = os.path.splitext(path)
+    return name.rpartition("_")[0] if extension == ".inc" else name
 
 
 def includes_of(path):
