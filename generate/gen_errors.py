@@ -199,7 +199,8 @@ def check_template(row, types):
         if match[0] == "%%":
             continue
         if position is None:
-            row.fail(f"desc has a % that starts no conversion by position, at column {match.start()}")
+            column = match.start()
+            row.fail(f"desc has a % that starts no conversion by position, at column {column}")
         index = int(position)
         if index > len(types):
             row.fail(f"desc uses argument {index} of {len(types)}")
@@ -217,7 +218,7 @@ def check_family_rows(family, rows):
             row.fail(f"{row.code} lies outside the block of {family.prefix}")
         internal = family.owns_internal(row.code)
         if internal != (row.fields.get("class") == "internal"):
-            row.fail("the class internal belongs to the codes of a block + 500000, and to no others")
+            row.fail("the class internal belongs to the codes of a block + 500000, and to no other")
 
 
 def check_order(rows):
