@@ -37,9 +37,8 @@ const zd_err_info_t *zd_get_err_info_for_zderr(ec_t ec) {
 }
 
 static const zd_err_info_t *find_describing_row(ec_t ec) {
-    if (ZD_ERR_USER_CODE_LAST <= ec && ec <= ZD_ERR_USER_CODE_FIRST)
-        ec = ERROR_PSM_USER_RAISE_APPLICATION;
-    return zd_get_err_info_for_zderr(ec);
+    return zd_get_err_info_for_zderr(
+        zd_err_is_user_code(ec) ? static_cast<ec_t>(ERROR_PSM_USER_RAISE_APPLICATION) : ec);
 }
 
 const zd_err_info_t *zd_get_err_info(ec_t ec) {

@@ -46,6 +46,10 @@ static_assert(offsetof(zd_err_info_t, sqlstate) == 48, "zd_err_info_t is part of
 static_assert(offsetof(zd_err_info_t, ora_errcode) == 56, "zd_err_info_t is part of the ABI");
 static_assert(offsetof(zd_err_info_t, type) == 60, "zd_err_info_t is part of the ABI");
 
+static inline int zd_err_is_user_code(ec_t ec) {
+    return ZD_ERR_USER_CODE_LAST <= ec && ec <= ZD_ERR_USER_CODE_FIRST;
+}
+
 ZD_BEGIN_DECLS
 
 // Every row, by strictly descending code: ERROR_NONE first, ZD_ERR_END_OF_INFO last. A program that
