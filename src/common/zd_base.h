@@ -24,6 +24,14 @@
     __attribute__((format(printf, format_index, first_argument)))
 #define ZD_UNLIKELY(condition) __builtin_expect(!!(condition), 0)
 
+// Behind an enumeration's tag: in C++ its underlying type is stated, so that numbers without an
+// enumerator (they come from a peer or a configuration) are values of it too.
+#ifdef __cplusplus
+#define ZD_ENUM_OF(type) : type
+#else
+#define ZD_ENUM_OF(type)
+#endif
+
 typedef unsigned char uchar;
 
 // Result of the few operations that tell success from failure and nothing else: 0 or 1.
