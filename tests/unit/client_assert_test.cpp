@@ -91,6 +91,14 @@ TEST(ClientAssert, MessageDumpSurvivesABodyWithNothingReadableBeforeIt) {
     munmap(pages, 2 * page);
 }
 
+TEST(ClientAssertDeathTest, BothMacrosPrintTheConditionAsItIsWritten) {
+    const void *const pointer = nullptr;
+    EXPECT_EXIT(ZD_ASSERT("unit", pointer != NULL), testing::KilledBySignal(SIGABRT),
+                "^unit:[0-9]+: Assertion fail with condition 'pointer != NULL' ");
+    EXPECT_EXIT(ZD_ASSERT_AT("unit", 77, pointer != NULL), testing::KilledBySignal(SIGABRT),
+                "^unit:77: Assertion fail with condition 'pointer != NULL' ");
+}
+
 TEST(ClientAssertDeathTest, BothCommandsAbort) {
     EXPECT_EXIT(zd_thr_assert_cmd(), testing::KilledBySignal(SIGABRT), "");
     EXPECT_EXIT(zd_svr_assert_cmd(), testing::KilledBySignal(SIGABRT), "");

@@ -39,10 +39,12 @@ ZD_END_DECLS
 }
 
 // unit is the reporting unit's name. ZD_ASSERT_AT is for the sites whose line is fixed, because
-// other systems compare it; ZD_ASSERT reports its own line.
+// other systems compare it; ZD_ASSERT reports its own line. Both print the condition as it is
+// written, so neither is built on the other: NULL would arrive expanded.
 #define ZD_ASSERT_AT(unit, line, condition)                                                        \
     (ZD_UNLIKELY(!(condition)) ? zd_assert_fail(#condition, unit, line) : (void)0)
-#define ZD_ASSERT(unit, condition) ZD_ASSERT_AT(unit, __LINE__, condition)
+#define ZD_ASSERT(unit, condition)                                                                 \
+    (ZD_UNLIKELY(!(condition)) ? zd_assert_fail(#condition, unit, __LINE__) : (void)0)
 
 #endif
 
