@@ -47,6 +47,11 @@ TEST(ClientAssert, DetailStopsAtAValueOfAnotherSize) {
               "unit:9:fn: Assert failed: c (2 args)\n\tfirst = 5 = 5 = 0x5\n");
 }
 
+TEST(ClientAssert, DetailWithoutValuesIsTheConditionAlone) {
+    EXPECT_EQ(stderr_of([] { zd_assert_msg_detail("c", 0, "unit", 9, "fn"); }),
+              "unit:9:fn: Assert failed: c (0 args)\n");
+}
+
 TEST(ClientAssert, DetailOfErrnoCarriesItsText) {
     EXPECT_EQ(stderr_of([] {
                   errno = ENOENT;
@@ -102,6 +107,10 @@ TEST(ClientAssertDeathTest, BothMacrosPrintTheConditionAsItIsWritten) {
 TEST(ClientAssertDeathTest, BothCommandsAbort) {
     EXPECT_EXIT(zd_thr_assert_cmd(), testing::KilledBySignal(SIGABRT), "");
     EXPECT_EXIT(zd_svr_assert_cmd(), testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST(ClientAssert, ConditionThatHoldsReportsNothing) {
+    EXPECT_EQ(stderr_of([] { ZD_ASSERT("unit", stderr != NULL); }), "");
 }
 
 } // namespace

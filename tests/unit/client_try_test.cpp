@@ -49,6 +49,14 @@ TEST(ClientTry, ThrowFromAHandlerLandsInTheEnclosingFrame) {
     EXPECT_EQ(outer, kInvalidProtocol);
 }
 
+TEST(ClientTry, ThrowAfterAFrameEndedLandsInTheEnclosingFrame) {
+    const ec_t outer = client_try([] {
+        EXPECT_EQ(client_try([] {}), 0);
+        raise(kFail);
+    });
+    EXPECT_EQ(outer, kFail);
+}
+
 TEST(ClientTry, FramesOfOneThreadAreUnknownToAnother) {
     int unseen = 0;
     void *volatile seen = &unseen;
@@ -63,6 +71,19 @@ TEST(ClientTryDeathTest, ThrowOutsideEveryFrameIsAnAssertion) {
     EXPECT_EXIT(raise(kFail), testing::KilledBySignal(SIGABRT),
                 "^client_try:111: Assertion fail with condition 'jmpbuf != NULL' "
                 "\\(PID=[0-9]+, pthread id=[0-9]+\\)\n");
+}
+
+// Takes every thread-specific key that there is, so that client_try_init gets none.
+void init_without_keys() {
+    pthread_key_t key;
+    while (pthread_key_create(&key, nullptr) == 0)
+        ;
+    client_try_init();
+}
+
+TEST(ClientTryDeathTest, ProcessWithoutAKeyToSpareEnds) {
+    EXPECT_EXIT(init_without_keys(), testing::ExitedWithCode(1),
+                "^FATAL ERROR: TRY \\(pthread_key_create\\) failed \\(rc = 11\\)\\.\n$");
 }
 
 } // namespace
