@@ -10,4 +10,5 @@ if [[ -z $(ls -A "$seeds" 2>/dev/null) ]]; then
 fi
 grown=$(mktemp -d)
 trap 'rm -rf "$grown"' EXIT
-"$fuzzer" -seed=1 -max_total_time=20 -max_len=8192 -timeout=10 -print_final_stats=1 "$grown" "$seeds"
+"$fuzzer" -seed=1 -max_total_time=20 -max_len=8192 -timeout=10 -print_final_stats=1 \
+    "$grown" "$seeds"
