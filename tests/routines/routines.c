@@ -135,7 +135,8 @@ void fill_long_text(char *out) {
 
 // The kinds of routine that end the agent.
 void crash(void) {
-    *(volatile int *)8 = 1;
+    int *volatile nowhere = (int *)8;
+    *nowhere = 1;
 }
 
 void call_abort(void) {
