@@ -1,5 +1,5 @@
 // Descriptor flags and whole-file record locks. Beware that setting and clearing a flag returns 1
-// for success, not 0. All leave errno as fcntl set it.
+// for success, not 0. Failures leave their cause in errno.
 
 #ifndef ZD_FCNTL_H
 #define ZD_FCNTL_H
