@@ -27,8 +27,9 @@ LAYERS = (
         common/alloc/system_clialloc
     """),
     ("system services", """
-        common/zd_getenv  common/zd_fcntl  common/zd_gettime  common/zd_signal
-        common/zd_svc_log  common/zd_util_file  common/zd_util_sys  common/str_util
+        common/zd_getenv  common/zd_fcntl  common/zd_gettime  common/zd_gettime_core
+        common/zd_signal  common/zd_svc_log  common/zd_util_file  common/zd_util_sys
+        common/str_util
         client/common/client_callstack
     """),
     ("dumps", """
