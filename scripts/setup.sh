@@ -23,11 +23,14 @@ END
 packages_of() {
     case $1 in
     build) echo g++ cmake ninja-build python3 ;;
-    test) echo libgtest-dev libgmock-dev libunwind-dev gdb libssl-dev binutils pkg-config man-db ;;
+    test)
+        echo libgtest-dev libgmock-dev libunwind-dev gdb libssl-dev
+        echo binutils pkg-config man-db dpkg-dev
+        ;;
     lint) echo clang-format clang-tidy ;;
     fuzz) echo clang libclang-rt-14-dev ;;
     bench) echo libbenchmark-dev libffi-dev libtalloc-dev libapr1-dev ;;
-    package) echo dpkg-dev fakeroot ;;
+    package) echo dpkg-dev ;;
     *) return 1 ;;
     esac
 }
