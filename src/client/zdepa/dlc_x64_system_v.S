@@ -41,8 +41,8 @@ dl_call_linux_x64:
         movsd   48(%rcx), %xmm6
         movsd   56(%rcx), %xmm7
 
-        /* Room for the block, then the pad that aligns the stack pointer to 16: two words are
-           pushed since the aligned call, so the block needs one more when its word count is even. */
+        /* Room for the block, then the pad that aligns the stack pointer to 16: three words lie
+           above the block (return address, rbp, rbx), so an even word count needs one more. */
         subq    %rdi, %rsp
         leaq    8(%rdi), %rax
         andl    $15, %eax
