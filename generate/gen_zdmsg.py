@@ -62,7 +62,8 @@ def opening(source, purpose):
 def comments(record):
     lines = []
     if record.heading:
-        lines += ["// ---- " + record.heading[0], *("// " + line for line in record.heading[1:]), ""]
+        lines += ["// ---- " + record.heading[0]]
+        lines += ["// " + line for line in record.heading[1:]] + [""]
     return lines + ["// " + line for line in record.comment]
 
 
@@ -124,7 +125,8 @@ def record_declaration(record):
         lines += member(field)
     lines.append("};")
     if record.fields:
-        lines.append("ZD_API extern const zdmsg_field_t %s[%d];" % (c_table(record), len(record.fields)))
+        size = len(record.fields)
+        lines.append("ZD_API extern const zdmsg_field_t %s[%d];" % (c_table(record), size))
     if record.pinned:
         lines += pins(record)
     return lines + [""]
@@ -142,8 +144,8 @@ def meta_header(source, description):
         source,
         [
             "",
-            "The numbers, typed records and field tables of all messages and of the records nested in",
-            "them. A typed record refers to memory that its user owns: strings and elements are",
+            "The numbers, typed records and field tables of all messages and of the records nested",
+            "in them. A typed record refers to memory that its user owns: strings and elements are",
             "never copied into it.",
         ],
     )
@@ -171,7 +173,8 @@ def meta_header(source, description):
         "ZD_API extern const zdmsg_meta_t _zdmsg_meta[ZDMSG_TYPE_CNT];",
         "ZD_API extern const zdmsg_struct_meta_t _zdmsg_struct_meta[ZDMSG_STRUCT_CNT];",
         "",
-        "// The size of the typed record of msg_type in memory. An unknown type fails an assertion.",
+        "// The size of the typed record of msg_type in memory. An unknown type fails an",
+        "// assertion.",
         "ZD_API size_t zdmsg_get_msg_sizeof(int msg_type);",
         "",
         "// The largest of those sizes: a record that can take any received message.",
@@ -297,16 +300,16 @@ def setter_header(source, description):
         [
             "",
             "One pair of setters a message and a pair an element record. They store what they are",
-            "given and copy nothing (but for fixed fields): the record refers to the caller's memory",
-            "until it has been serialized.",
+            "given and copy nothing (but for fixed fields): the record refers to the caller's",
+            "memory until it has been serialized.",
             "",
-            "_set fills a record whose strings stay the caller's; _set2 one whose top-level strings",
-            "zdmsg_free returns to its allocator, so they must have come from there. On element",
-            "records both do the same: their strings are never released.",
+            "_set fills a record whose strings stay the caller's; _set2 one whose top-level",
+            "strings zdmsg_free returns to its allocator, so they must have come from there. On",
+            "element records both do the same: their strings are never released.",
             "",
-            "A text may be NULL: an empty string. Bytes, columns and arrays are stored as given. Of a",
-            "fixed field exactly its length is read. A NULL record fails an assertion. A message",
-            "comes out with its type set and with body size and transaction number 0.",
+            "A text may be NULL: an empty string. Bytes, columns and arrays are stored as given.",
+            "Of a fixed field exactly its length is read. A NULL record fails an assertion. A",
+            "message comes out with its type set and with body size and transaction number 0.",
         ],
     )
     lines = [line.rstrip() for line in lines]
