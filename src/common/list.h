@@ -18,8 +18,11 @@ typedef list_link_t list_t;
 // The record of type that embeds the link as member.
 #define list_entry(link, type, member) ((type *)(void *)((char *)(link)-offsetof(type, member)))
 
+// position is a name to declare, which parentheses would only obscure.
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define list_for_each(position, head)                                                              \
     for (list_link_t *position = (head)->next; position != (head); position = position->next)
+// NOLINTEND(bugprone-macro-parentheses)
 
 static inline void list_init(list_t *head) {
     head->next = head;
