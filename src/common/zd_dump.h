@@ -107,9 +107,9 @@ ZD_API void dprint(dstream_t *dstream, const char *fmt, ...);
 // "l", "ll", "L", "Z", "z" (64 bits) and "h" (16 bits); conversions c s d i u o x X p n %. What
 // differs: "%p" is "0x" and hexadecimal digits; "#" puts its prefix before zero too; a "%s" value
 // below 2048 prints as "<NULL>", for small values are broken pointers; "%n" stores what was really
-// written; there is no floating point. Anything else after "%" is printed as it stands and takes no
-// argument. "@" and a character run the first directive of that character; when there is none,
-// the character is printed, so that "@@" gives "@".
+// written; there is no floating point. Anything else after "%" is printed as it stands, and
+// takes no argument but those of its "*". "@" and a character run the first directive of that
+// character; when there is none, the character is printed, so that "@@" gives "@".
 //
 // new_strbuf NULL: the text is cut at the area's end, and a directive's text that does not fit
 // whole ends it before. Otherwise the area grows: *new_strbuf is NULL when the text fitted into
