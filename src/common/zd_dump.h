@@ -81,7 +81,8 @@ ZD_API void dstream_init(dstream_t *dstream, int fd);
 ZD_API void dstream_delete(allocator_t *alloc, dstream_t *dstream);
 
 // Creates and truncates filename, with the directories that lead to it, and sets fd. Returns 0,
-// or 1 with fd negative still; when the directory could not be made, an event is printed too.
+// or 1 with fd negative still; when the directory could not be made, an event is printed too. The
+// descriptor is the caller's to close. Requires fd negative.
 ZD_API rc_t dstream_file_open(dstream_t *dstream);
 
 ZD_API void dwidth(dstream_t *dstream, int width);
