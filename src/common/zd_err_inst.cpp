@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include "client/common/client_assert.h"
+#include "common/zd_dump.h"
 
 // Errors further from 0 are internal conditions.
 static constexpr int kInternalOffset = 500000;
@@ -73,4 +74,29 @@ int zd_err_inst_match(const zd_err_inst_t *errinst, int code, unsigned int obj_i
 void zd_err_inst_to_str(char *str, const zd_err_inst_t *errinst, int len) {
     ZD_ASSERT("zd_err_inst", len > 0);
     fill_text(str, static_cast<size_t>(len), errinst->complete_desc);
+}
+
+// An error that came from a peer may have a code that only the peer knows.
+static const char *code_name(ec_t code) {
+    const zd_err_info_t *const info = zd_get_err_info_for_zderr(
+        zd_err_is_user_code(code) ? static_cast<ec_t>(ERROR_PSM_USER_RAISE_APPLICATION) : code);
+    return info != nullptr ? info->name : nullptr;
+}
+
+void zd_err_inst_dump(dstream_t *dstream, const zd_err_inst_t *errinst) {
+    const char *const name = code_name(errinst->code);
+    const zd_src_pos_t *const span = &errinst->src_pos;
+    dprint(dstream, "code = %d (", errinst->code);
+    if (name != nullptr)
+        dprint(dstream, "%s)\n", name);
+    else
+        dprint(dstream, "invalid code)\n");
+    dprint(dstream, "is_usrerr = %d\n", errinst->is_usrerr);
+    dprint(dstream, "(desc = \"%s\")\n", errinst->complete_desc);
+    dprint(dstream, "first line = %d, first col = %d\n", span->first.line, span->first.col);
+    dprint(dstream, "last line = %d, last col = %d\n", span->last.line, span->last.col);
+    dprint(dstream, "file = <%s>\n", errinst->file);
+    dprint(dstream, "line = %d\n", errinst->line);
+    dprint(dstream, "func = <%s>\n", errinst->func);
+    dprint(dstream, "-------------------------------\n");
 }

@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include "client/common/client_assert.h"
+#include "common/zd_dump.h"
 
 // The serialized stack. Integers are 32 bits, big-endian; bytes without a name are zero.
 //
@@ -204,6 +205,16 @@ void zd_err_stack_copy(zd_err_stack_t *target, zd_err_stack_t *source) {
         zd_err_inst_new(target->alloc, &args, nullptr, errinst->complete_desc);
     memcpy(moved->sqlstate, errinst->sqlstate, sizeof moved->sqlstate);
     zd_err_stack_push(target, moved);
+}
+
+void zd_err_stack_dump(dstream_t *dstream, const zd_err_stack_t *errstack) {
+    ZD_ASSERT("zd_err_stack", errstack != NULL);
+    dprint(dstream, "error stack dump ===================\n");
+    dprint(dstream, "count = %d\n", errstack->count);
+    dprint(dstream, "usrcount = %d\n", errstack->usrcount);
+    for (const zd_err_inst_t *errinst = errstack->top; errinst != nullptr; errinst = errinst->next)
+        zd_err_inst_dump(dstream, errinst);
+    dprint(dstream, "====================================\n");
 }
 
 void zd_err_stack_serialize(const zd_err_stack_t *errstack, uchar usrerr_only, allocator_t *alloc,

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "support/captured_stream.h"
 #include "support/test_allocator.h"
 
 namespace {
@@ -201,6 +202,33 @@ TEST_F(ErrInst, MessageInOneCharacterIsEmpty) {
     zd_err_inst_to_str(text, make(-1, "message"), 1);
     EXPECT_EQ(text[0], '\0');
     EXPECT_EQ(text[1], 'z');
+}
+
+std::string dump_of(const zd_err_inst_t *errinst) {
+    const CapturedStream stream;
+    zd_err_inst_dump(stream.get(), errinst);
+    return stream.text();
+}
+
+TEST_F(ErrInst, DumpIsOneItemALine) {
+    EXPECT_EQ(dump_of(make(-140006, " Failed.   ")), "code = -140006 (ERROR_EPA_FAIL)\n"
+                                                     "is_usrerr = 1\n"
+                                                     "(desc = \" Failed.   \")\n"
+                                                     "first line = 1, first col = 2\n"
+                                                     "last line = 4, last col = 5\n"
+                                                     "file = <epa_msg>\n"
+                                                     "line = 321\n"
+                                                     "func = <epa_recv_msg>\n"
+                                                     "-------------------------------\n");
+}
+
+TEST_F(ErrInst, DumpOfAUserCodeHasTheNameOfItsRow) {
+    EXPECT_EQ(dump_of(make(-20500)).substr(0, 51),
+              "code = -20500 (ERROR_PSM_USER_RAISE_APPLICATION)\nis");
+}
+
+TEST_F(ErrInst, DumpOfAnUnknownCodeSaysSo) {
+    EXPECT_EQ(dump_of(make(-140007)).substr(0, 31), "code = -140007 (invalid code)\ni");
 }
 
 using ErrInstDeathTest = ErrInst;

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "support/captured_stream.h"
 #include "support/test_allocator.h"
 
 namespace {
@@ -229,6 +230,35 @@ TEST_F(ErrStackCopy, WhoseErrorItIsFollowsFromTheCode) {
     EXPECT_EQ(target_.top->is_usrerr, 1);
     EXPECT_EQ(target_.usrcount, 1);
     zd_err_inst_destroy(popped, alloc_.get());
+}
+
+TEST_F(ErrStack, DumpFramesTheInstancesFromTheTop) {
+    push(-140002, "below");
+    push(-502128, "above");
+    const CapturedStream stream;
+    zd_err_stack_dump(stream.get(), &stack_);
+    EXPECT_EQ(stream.text(), "error stack dump ===================\n"
+                             "count = 2\n"
+                             "usrcount = 1\n"
+                             "code = -502128 (ERROR_CLI_NEED_MORE_FETCH_NEXT)\n"
+                             "is_usrerr = 0\n"
+                             "(desc = \"above\")\n"
+                             "first line = 1, first col = 2\n"
+                             "last line = -4, last col = 5\n"
+                             "file = <epa_msg>\n"
+                             "line = 321\n"
+                             "func = <epa_recv_msg>\n"
+                             "-------------------------------\n"
+                             "code = -140002 (ERROR_EPA_INVALID_PROTOCOL)\n"
+                             "is_usrerr = 1\n"
+                             "(desc = \"below\")\n"
+                             "first line = 1, first col = 2\n"
+                             "last line = -4, last col = 5\n"
+                             "file = <epa_msg>\n"
+                             "line = 321\n"
+                             "func = <epa_recv_msg>\n"
+                             "-------------------------------\n"
+                             "====================================\n");
 }
 
 // A serialized stack written down by hand.
@@ -493,6 +523,8 @@ TEST_F(ErrStackDeathTest, StackMustBeGivenWhereNoLineIsFixed) {
     EXPECT_EXIT(zd_err_stack_copy(nullptr, &stack_), testing::KilledBySignal(SIGABRT),
                 unpinned_assertion("target != NULL"));
     EXPECT_EXIT(zd_err_stack_copy(&stack_, nullptr), testing::KilledBySignal(SIGABRT),
+                unpinned_assertion("errstack != NULL"));
+    EXPECT_EXIT(zd_err_stack_dump(nullptr, nullptr), testing::KilledBySignal(SIGABRT),
                 unpinned_assertion("errstack != NULL"));
     EXPECT_EXIT(zd_err_stack_serialize(nullptr, 0, alloc_.get(), &buf, &len),
                 testing::KilledBySignal(SIGABRT), unpinned_assertion("errstack != NULL"));
