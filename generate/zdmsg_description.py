@@ -167,8 +167,9 @@ class _Reader:
             if len(words) != 2:
                 self.fail("fixed needs a size: 'fixed N'")
             size = self.read_number(words[1])
-            if size == 0:
-                self.fail("a fixed field has at least one byte")
+            if size == 0 or size % 4 != 0:
+                # Bodies stay multiples of 4, and the decoder knows what an element takes at least.
+                self.fail("the size of a fixed field is a multiple of 4, and not 0")
             return Field(name, "fixed", size=size)
         if words[:1] == ["array"]:
             if len(words) != 3 or words[1] != "of":

@@ -154,7 +154,9 @@ class Generator(unittest.TestCase):
 
     def test_fixed_without_a_size(self):
         self.refuses("message 0 a\n    x  fixed\n", 2, "fixed needs a size: 'fixed N'")
-        self.refuses("message 0 a\n    x  fixed 0\n", 2, "a fixed field has at least one byte")
+        reason = "the size of a fixed field is a multiple of 4, and not 0"
+        self.refuses("message 0 a\n    x  fixed 0\n", 2, reason)
+        self.refuses("message 0 a\n    x  fixed 6\n", 2, reason)
         self.refuses("message 0 a\n    x  fixed y\n", 2, "'y' is not a number")
 
     def test_column_in_a_message(self):
