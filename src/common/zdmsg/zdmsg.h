@@ -31,10 +31,10 @@ ZD_API void zdmsg_serialize_body(zdmsg_t *msg, int offset);
 // outlive the record; arrays come from alloc and go back with zdmsg_free.
 ZD_API void zdmsg_deserialize_body(allocator_t *alloc, zdmsg_t *msg, char *buffer);
 
-// The same for one element record of struct_size bytes, whose bytes start at *offset of the body of
-// msg; moves *offset behind them. msg tells the body's size, and is what a report dumps.
-ZD_API void zdmsg_struct_deserialize(allocator_t *alloc, zdmsg_t *msg, char *buffer, int *offset,
-                                     void *record, int struct_size, int struct_type);
+// The same for one element record of struct_size bytes, whose bytes start at *offset of the body
+// at msg->raw; moves *offset behind them.
+ZD_API void zdmsg_struct_deserialize(allocator_t *alloc, zdmsg_t *msg, int *offset, void *record,
+                                     int struct_size, int struct_type);
 
 // Returns to alloc what a message holds: its arrays, with all below them, and, when str_auto_free
 // is set, its non-empty top-level strings. The record itself stays the caller's.
