@@ -356,6 +356,16 @@ TEST(DumpStream, LongItemOnAFreshLineIsNotWrapped) {
     EXPECT_EQ(stream.text(), "  123456");
 }
 
+TEST(DumpStream, BufferedNewlineMakesTheLineFresh) {
+    CapturedStream stream;
+    dwidth(stream.get(), 2);
+    stream->buffer[0] = '\n';
+    stream->pos = 1;
+    stream->col = 1;
+    dprint(stream.get(), "abc");
+    EXPECT_EQ(stream.text(), "\nabc");
+}
+
 TEST(DumpStream, NewlineOfAnItemCountsInItsLength) {
     CapturedStream stream;
     dwidth(stream.get(), 4);
@@ -605,7 +615,7 @@ TEST_F(DumpFile, FailsQuietlyForAnotherReasonThanItsDirectory) {
     EXPECT_EQ(dstream_file_open(&stream_), 1);
     EXPECT_LT(stream_.fd, 0);
     std::ofstream(folder_ + "/file") << "";
-    name(folder_ + "/file/dump");
+    name(folder_ + "/file/folder/dump");
     EXPECT_EQ(print("text\n"), "");
     EXPECT_EQ(dstream_file_open(&stream_), 1);
 }
