@@ -172,5 +172,46 @@ class Words(WithFolder):
         self.assert_found("a.py", "a = 1", "no newline at the end")
 
 
+class Setup(WithFolder):
+    """scripts/setup.sh with stand-ins for the package tools, which write down what is asked."""
+
+    def setup(self, missing, *groups):
+        tools = {
+            "dpkg-query": f'for name; do :; done\n[ "$name" != "{missing}" ] && echo installed\n',
+            "apt-get": 'echo "$@" >>"$LOG"\n',
+            "sudo": 'while [ "${1#-}" != "$1" ]; do shift; done\nexec "$@"\n',
+        }
+        for name, body in tools.items():
+            os.chmod(self.write(f"bin/{name}", "#!/bin/sh\n" + body), 0o755)
+        log = self.write("log", "")
+        path = os.path.join(self.folder, "bin") + ":" + os.environ["PATH"]
+        done = subprocess.run(
+            [os.path.join(ROOT, "scripts/setup.sh"), *groups],
+            capture_output=True, text=True, stdin=subprocess.DEVNULL,
+            env=dict(os.environ, PATH=path, LOG=log),
+        )
+        with open(log, encoding="ascii") as file:
+            return done, file.read().splitlines()
+
+    def test_nothing_is_asked_or_said_when_all_is_there(self):
+        done, asked = self.setup("", "test", "bench")
+        self.assertEqual((done.returncode, done.stdout, done.stderr, asked), (0, "", "", []))
+
+    def test_only_what_is_missing_is_installed(self):
+        done, asked = self.setup("ninja-build")
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertEqual(len(asked), 2)
+        self.assertTrue(asked[0].endswith(" update"), asked)
+        self.assertTrue(asked[1].endswith("--no-install-recommends ninja-build"), asked)
+
+    def test_groups_that_were_not_named_are_left_alone(self):
+        done, asked = self.setup("libffi-dev", "test")
+        self.assertEqual((done.returncode, asked), (0, []))
+
+    def test_unknown_group_is_wrong_usage(self):
+        done, asked = self.setup("", "nonsense")
+        self.assertEqual((done.returncode, asked), (2, []))
+
+
 if __name__ == "__main__":
     unittest.main()
