@@ -9,7 +9,7 @@ usage: scripts/lint.sh [CHECK...]
   format   every C and C++ file is as clang-format 14 would write it
   layers   every #include of the library points at its own layer or below, in no circle
   words    no path of one machine, no open notes, no tabs, trailing blanks or over-long lines
-  tidy     clang-tidy over src/ and programs/ (some minutes; configures the release preset)
+  tidy     clang-tidy over src/ and programs/ (some minutes; configures the clang preset)
 
 Without CHECK: all of them. Exit status: 0 clean, 1 findings, 2 wrong usage.
 END
@@ -37,11 +37,12 @@ check_words() {
 }
 
 check_tidy() {
-    # The headers that the build writes must exist before any file can be parsed.
-    cmake --preset release >&2
-    cmake --build --preset release --parallel "$(nproc)" --target zdepl_objects >&2
+    # With Clang's own command lines; and the headers that the build writes must exist before any
+    # file can be parsed.
+    cmake --preset clang >&2
+    cmake --build --preset clang --parallel "$(nproc)" --target zdepl_objects >&2
     tracked 'src/*.cpp' 'programs/*.cpp' |
-        xargs -r -P "$(nproc)" -n 4 "$(tool clang-tidy)" -p build/release --quiet
+        xargs -r -P "$(nproc)" -n 4 "$(tool clang-tidy)" -p build/clang --quiet
 }
 
 checks=()
