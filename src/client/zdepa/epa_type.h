@@ -17,7 +17,7 @@ typedef int64_t SQLHENV;
 typedef int64_t SQLHDBC;
 
 // The database type of a value. The repeated numbers are aliases.
-typedef enum zd_type_e ZD_ENUM_OF(unsigned int){
+typedef enum zd_type_e ZD_ENUM_OF(int){
     ZD_TYPE_NONE = 0,       ZD_TYPE_NUMBER = 1,        ZD_TYPE_CHAR = 2,     ZD_TYPE_VARCHAR = 3,
     ZD_TYPE_RAW = 4,        ZD_TYPE_DATE = 5,          ZD_TYPE_TIME = 6,     ZD_TYPE_TIMESTAMP = 7,
     ZD_TYPE_ITV_YTM = 8,    ZD_TYPE_ITV_DTS = 9,       ZD_TYPE_LONG = 10,    ZD_TYPE_LONG_RAW = 11,
@@ -30,7 +30,7 @@ typedef enum zd_type_e ZD_ENUM_OF(unsigned int){
     ZD_TYPE_MAX_PSM = 33} zd_type_t;
 
 // The native type that the routine declares for a value.
-typedef enum zd_type_ext_e ZD_ENUM_OF(unsigned int){
+typedef enum zd_type_ext_e ZD_ENUM_OF(int){
     EXT_TYPE_NONE = 0,      EXT_TYPE_CHAR = 1,          EXT_TYPE_UCHAR = 2,
     EXT_TYPE_SHORT = 3,     EXT_TYPE_USHORT = 4,        EXT_TYPE_INT = 5,
     EXT_TYPE_UINT = 6,      EXT_TYPE_LONG = 7,          EXT_TYPE_ULONG = 8,
