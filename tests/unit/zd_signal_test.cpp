@@ -72,9 +72,9 @@ TEST_F(ZdSignal, HandlerIsPlainAndBlocksNothingElse) {
     zd_signal_register(SIGUSR1, count);
     struct sigaction installed;
     ASSERT_EQ(sigaction(SIGUSR1, nullptr, &installed), 0);
-    constexpr int kOthers = SA_RESTART | SA_RESETHAND | SA_NODEFER | SA_SIGINFO | SA_ONSTACK |
-                            SA_NOCLDSTOP | SA_NOCLDWAIT;
-    EXPECT_EQ(installed.sa_flags & kOthers, 0);
+    constexpr unsigned int kOthers = SA_RESTART | SA_RESETHAND | SA_NODEFER | SA_SIGINFO |
+                                     SA_ONSTACK | SA_NOCLDSTOP | SA_NOCLDWAIT;
+    EXPECT_EQ(static_cast<unsigned int>(installed.sa_flags) & kOthers, 0u);
     for (int signo = 1; signo < 32; signo++)
         EXPECT_NE(sigismember(&installed.sa_mask, signo), 1) << signo;
 }
