@@ -90,17 +90,17 @@ ZD_API client_log_hdl_t *client_log_hdl_new(allocator_t *alloc);
 ZD_API void client_log_hdl_free(client_log_hdl_t *hdl, allocator_t *alloc);
 
 // Configures the handle and opens a new file in dirpath, an absolute path, which is created when
-// it is missing. prefix is not used. max_size from 1 to 1048575 counts as 1048576; a
-// max_backup_size that is not 0 counts as at least three times max_size. Paths beyond 255
-// characters are cut. Returns 0, or -1 when the file cannot be opened.
+// it is missing. err_func is required; prefix is not used. max_size from 1 to 1048575 counts as
+// 1048576; a max_backup_size that is not 0 counts as at least three times max_size. Paths beyond
+// 255 characters are cut. Returns 0, or -1 when the file cannot be opened.
 ZD_API int client_log_hdl_set_log_attr(client_log_hdl_t *hdl, const char *prefix,
                                        client_log_lvl_t max_lvl, const char *dirpath,
                                        const char *filepath_prefix, int max_size,
                                        int max_backup_size, client_log_err_func_t err_func);
 
 // Writes a line unless hdl is NULL or lvl is above its maximum, after moving a file away that has
-// grown past its size. filename and line are not used. A message that cannot be formatted is
-// dropped.
+// grown past its size. filename and line are not used. Of a message that cannot be formatted (an
+// invalid wide character) the bare format is written. Throws when memory for the line runs out.
 ZD_API void client_log_write(client_log_hdl_t *hdl, client_log_lvl_t lvl, const char *filename,
                              int line, const char *format, ...) ZD_PRINTF(5, 6);
 
