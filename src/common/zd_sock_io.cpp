@@ -1,6 +1,7 @@
 #include "common/zd_sock_io.h"
 
 #include <errno.h>
+#include <limits.h>
 #include <poll.h>
 #include <stdio.h>
 #include <sys/socket.h>
@@ -72,6 +73,7 @@ Outcome receive_all(int fd, void *ptr, int nbytes, const ReadRules &rules, int *
 // The first send that sends anything; false, with the last result in *sent, when none will.
 bool send_some(int fd, const char *at, int nbytes, int flags, int *sent) {
     for (;;) {
+        errno = 0; // a send of nothing sets none, and an old one must not tell it to go on
         *sent = static_cast<int>(send(fd, at, static_cast<size_t>(nbytes), flags));
         if (*sent > 0)
             return true;
@@ -85,8 +87,11 @@ bool send_some(int fd, const char *at, int nbytes, int flags, int *sent) {
 } // namespace
 
 int zd_sock_check_read_timeout(int fd, int sec) {
+    int milliseconds;
+    if (__builtin_mul_overflow(sec, kMillisecondsPerSecond, &milliseconds))
+        milliseconds = sec > 0 ? INT_MAX : INT_MIN;
     for (;;) {
-        const int result = poll_one(fd, POLLIN, sec * kMillisecondsPerSecond);
+        const int result = poll_one(fd, POLLIN, milliseconds);
         if (result >= 0 || errno != EINTR)
             return result;
     }
