@@ -29,7 +29,7 @@ packages_of() {
         ;;
     lint) echo clang clang-format clang-tidy ;;
     fuzz) echo clang libclang-rt-14-dev ;;
-    bench) echo libbenchmark-dev libffi-dev libtalloc-dev libapr1-dev ;;
+    bench) echo libbenchmark-dev libffi-dev libtalloc-dev libapr1-dev pkg-config ;;
     package) echo dpkg-dev ;;
     *) return 1 ;;
     esac

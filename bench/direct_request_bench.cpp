@@ -1,0 +1,80 @@
+// What does a whole in-process request cost? The direct form, from a decoded request to a reply,
+// beside what a host would write by hand with libffi: open the library (it is open already), look
+// the function up, prepare the call interface, call.
+
+#include <benchmark/benchmark.h>
+#include <dlfcn.h>
+#include <ffi.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <string>
+
+#include "client/zdepa/epa_context_mgr.h"
+#include "client/zdepa/epa_init.h"
+#include "client/zdepa/epa_proc.h"
+#include "common/alloc/region_clialloc.h"
+#include "common/alloc/system_clialloc.h"
+#include "common/zdmsg/zdmsg.h"
+#include "common/zdmsg/zdmsg_setter_gen.h"
+
+namespace {
+
+constexpr int kValueFlag = 1 << 16 | ZD_TYPE_PLS_INT << 8 | EXT_TYPE_INT;
+constexpr int kParams = 5;
+
+void direct_form(benchmark::State &state) {
+    std::string home = (std::filesystem::temp_directory_path() / "zdepl_bench_XXXXXX").string();
+    if (mkdtemp(home.data()) == nullptr)
+        return state.SkipWithError("no home directory");
+    setenv("ZD_HOME", home.c_str(), 1);
+    epa_init_dir();
+
+    int32_t values[kParams] = {1, 2, 3, 4, 5};
+    zdmsg_struct_extproc_param_t params[kParams];
+    for (int i = 0; i < kParams; i++)
+        zdmsg_struct_extproc_param_set(&params[i], kValueFlag, 4, 4,
+                                       reinterpret_cast<char *>(&values[i]));
+    zdmsg_extproc_execute_t request;
+    zdmsg_extproc_execute_set(&request, BENCH_ROUTINES_LIBRARY, "five_ints", 0, kValueFlag, kParams,
+                              params);
+    allocator_t *const caller = real_sys_region_allocator_new(&_system_allocator, "bench", 1);
+    zdmsg_extproc_execute_reply_t reply;
+    for (auto _ : state) {
+        epa_process_request_dir(&request.base, &reply.base, caller);
+        benchmark::DoNotOptimize(reply.reply_param.data[0].data_value.data);
+        region_cleanup(caller);
+    }
+    epa_process_request_dir(&request.base, &reply.base, caller);
+    if (reply.errstack.len != 0 ||
+        *reinterpret_cast<int32_t *>(reply.reply_param.data[0].data_value.data) != 15)
+        state.SkipWithError("wrong reply");
+    caller->desc->func_delete(caller);
+    epa_context_mgr_delete();
+    std::filesystem::remove_all(home);
+}
+BENCHMARK(direct_form)->Name("in-process request, five ints/zdepl direct form");
+
+void by_hand(benchmark::State &state) {
+    void *const opened = dlopen(BENCH_ROUTINES_LIBRARY, RTLD_LAZY | RTLD_GLOBAL);
+    int values[kParams] = {1, 2, 3, 4, 5};
+    ffi_arg result = 0;
+    for (auto _ : state) {
+        void *const handle = dlopen(BENCH_ROUTINES_LIBRARY, RTLD_LAZY | RTLD_GLOBAL);
+        void *const function = dlsym(handle, "five_ints");
+        ffi_cif cif;
+        ffi_type *types[kParams] = {&ffi_type_sint, &ffi_type_sint, &ffi_type_sint, &ffi_type_sint,
+                                    &ffi_type_sint};
+        ffi_prep_cif(&cif, FFI_DEFAULT_ABI, kParams, &ffi_type_sint, types);
+        void *arguments[kParams] = {&values[0], &values[1], &values[2], &values[3], &values[4]};
+        ffi_call(&cif, FFI_FN(function), &result, arguments);
+        benchmark::DoNotOptimize(result);
+        dlclose(handle);
+    }
+    if (result != 15)
+        state.SkipWithError("wrong result");
+    dlclose(opened);
+}
+BENCHMARK(by_hand)->Name("in-process request, five ints/dlopen dlsym libffi");
+
+} // namespace
