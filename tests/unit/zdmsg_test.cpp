@@ -766,6 +766,48 @@ TEST(ZdmsgDecode, ArraysNestAThousandDeep) {
     EXPECT_EQ(alloc.still_out(), 0u);
 }
 
+// Elements of struct_bindparam_udt, each with the given number of elements of its own.
+std::string wide_body(const std::vector<uint32_t> &counts) {
+    std::string body = hex("01020304 05060708 00000000 00000000") +
+                       big_endian(static_cast<uint32_t>(counts.size()));
+    uint32_t flag = 0;
+    for (const uint32_t count : counts) {
+        body += big_endian(flag++) + hex("00000000") + big_endian(count);
+        for (uint32_t k = 0; k < count; k++)
+            body += big_endian(flag++) + hex("00000000 00000000");
+    }
+    return body;
+}
+
+void expect_wide_body_is_read(const std::vector<uint32_t> &counts) {
+    std::string body = wide_body(counts);
+    LedgerAllocator alloc;
+    zdmsg_execute_udt_t msg;
+    decode(alloc, &msg, ZDMSG_EXECUTE_UDT, body);
+    ASSERT_EQ(static_cast<size_t>(msg.param_info.array_cnt), counts.size());
+    int flag = 0;
+    for (size_t j = 0; j < counts.size(); j++) {
+        const zdmsg_struct_bindparam_udt_t &element = msg.param_info.data[j];
+        ASSERT_EQ(element.flag, flag++);
+        ASSERT_EQ(static_cast<uint32_t>(element.sub_bindparam.array_cnt), counts[j]);
+        for (uint32_t k = 0; k < counts[j]; k++)
+            ASSERT_EQ(element.sub_bindparam.data[k].flag, flag++);
+    }
+}
+
+TEST(ZdmsgDecode, SideBySideThereIsRoomForMoreArraysThanDeep) {
+    expect_wide_body_is_read(std::vector<uint32_t>(2 * ZDMSG_MAX_NESTING, 1));
+}
+
+TEST(ZdmsgDecode, LastOfManyElementsMayHoldWhatIsLeftOfTheBody) {
+    std::vector<uint32_t> counts(200, 0);
+    counts.back() = 50;
+    expect_wide_body_is_read(counts);
+    counts.assign(200, 3);
+    counts.front() = 400;
+    expect_wide_body_is_read(counts);
+}
+
 TEST(ZdmsgMalformed, DeeperNestingIsRefusedBeforeItUsesUpTheStack) {
     Hostile hostile;
     ASSERT_TRUE(hostile.refuses(ZDMSG_EXECUTE_UDT, nested_body(ZDMSG_MAX_NESTING + 1)));
