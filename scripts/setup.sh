@@ -27,7 +27,7 @@ packages_of() {
         echo libgtest-dev libgmock-dev libunwind-dev gdb libssl-dev
         echo binutils pkg-config man-db dpkg-dev
         ;;
-    lint) echo clang clang-format clang-tidy ;;
+    lint) echo clang clang-format clang-tidy git ;;
     fuzz) echo clang libclang-rt-14-dev ;;
     bench) echo libbenchmark-dev libffi-dev libtalloc-dev libapr1-dev pkg-config ;;
     package) echo dpkg-dev ;;
