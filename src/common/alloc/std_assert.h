@@ -4,6 +4,8 @@
 #ifndef STD_ASSERT_H
 #define STD_ASSERT_H
 
+#ifdef __cplusplus
+
 // <assert.h> declares it only where assertions are on.
 extern "C" [[noreturn]] void __assert_fail(const char *condition, const char *file,
                                            unsigned int line, const char *function) noexcept;
@@ -12,5 +14,7 @@ extern "C" [[noreturn]] void __assert_fail(const char *condition, const char *fi
 #define STD_ASSERT(unit, condition)                                                                \
     (__builtin_expect(!(condition), 0) ? __assert_fail(#condition, unit, __LINE__, __func__)       \
                                        : static_cast<void>(0))
+
+#endif
 
 #endif
