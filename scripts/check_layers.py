@@ -19,7 +19,7 @@ LAYERS = (
     ("base", """
         common/zd_base  common/zd_env  common/list
         common/alloc/allocator  common/zdmsg/zdmsg_record  common/zdmsg/zdmsg_field
-        client/common/client_assert  client/common/client_try
+        client/common/client_assert  client/common/client_try  common/alloc/std_assert
         zdextproc
     """),
     ("catalogue and heap", """
@@ -37,8 +37,8 @@ LAYERS = (
     """),
     ("memory", """
         common/listc
-        common/alloc/alloc_alg  common/alloc/clialloc_dbginfo
-        common/alloc/region_clialloc  common/alloc/alloc_tracedump
+        common/alloc/clialloc_dbginfo  common/alloc/region_clialloc
+        common/alloc/alloc_tracedump
     """),
     ("errors", """
         common/zd_err_inst  common/zd_err_stack  common/zd_err
@@ -67,6 +67,12 @@ ELSEWHERE = {
     "common/zdmsg/zdmsg_setter_gen", "zdextproc",
 }
 
+# Files that are one unit with another: they share its records and call each other.
+PART_OF = {
+    "common/alloc/alloc_alg": "common/alloc/region_clialloc",  # the index of its free chunks
+    "common/alloc/region_clialloc_check": "common/alloc/region_clialloc",
+}
+
 LAYER_OF = {unit: level for level, (_, units) in enumerate(LAYERS) for unit in units.split()}
 INCLUDE = re.compile(r'\s*#\s*include\s*"([^"]+)"')
 EXTENSIONS = (".h", ".cpp", ".c", ".S", ".l")
@@ -86,7 +92,9 @@ def source_files(folder):
 
 def unit_of(path):
     name, extension = os.path.splitext(path)
-    return name.rpartition("_")[0] if extension == ".inc" else name
+    if extension == ".inc":
+        name = name.rpartition("_")[0]
+    return PART_OF.get(name, name)
 
 
 def includes_of(path):
@@ -113,25 +121,25 @@ def check_include(folders, unit, included):
 
 
 def find_circle(edges):
-    """A list of units that include each other in a circle, or None. edges: unit -> set."""
+    """A list of names that include each other in a circle, or None. edges: name -> set."""
     done, way = set(), []
 
-    def visit(unit):
-        if unit in way:
-            return way[way.index(unit):] + [unit]
-        if unit in done:
+    def visit(name):
+        if name in way:
+            return way[way.index(name):] + [name]
+        if name in done:
             return None
-        way.append(unit)
-        for target in sorted(edges.get(unit, ())):
+        way.append(name)
+        for target in sorted(edges.get(name, ())):
             circle = visit(target)
             if circle:
                 return circle
         way.pop()
-        done.add(unit)
+        done.add(name)
         return None
 
-    for unit in sorted(edges):
-        circle = visit(unit)
+    for name in sorted(edges):
+        circle = visit(name)
         if circle:
             return circle
     return None
@@ -139,7 +147,7 @@ def find_circle(edges):
 
 def check(folders):
     """Yields every finding as file:line: reason."""
-    edges = {}
+    unit_edges, header_edges = {}, {}
     for folder in folders:
         for path in source_files(folder):
             shown, unit = os.path.join(folder, path), unit_of(path)
@@ -150,11 +158,15 @@ def check(folders):
                 wrong = check_include(folders, unit, included)
                 if wrong:
                     yield f"{shown}:{number}: {wrong}"
-                elif unit_of(included) != unit:
-                    edges.setdefault(unit, set()).add(unit_of(included))
-    circle = find_circle(edges)
-    if circle:
-        yield "units include each other in a circle: " + " -> ".join(circle)
+                    continue
+                if path.endswith(".h"):
+                    header_edges.setdefault(path, set()).add(included)
+                if unit_of(included) != unit:
+                    unit_edges.setdefault(unit, set()).add(unit_of(included))
+    for what, edges in (("units", unit_edges), ("headers", header_edges)):
+        circle = find_circle(edges)
+        if circle:
+            yield f"{what} include each other in a circle: " + " -> ".join(circle)
 
 
 def main():

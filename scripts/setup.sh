@@ -25,12 +25,12 @@ packages_of() {
     build) echo g++ cmake ninja-build python3 ;;
     test)
         echo libgtest-dev libgmock-dev libunwind-dev gdb libssl-dev
-        echo binutils pkg-config man-db dpkg-dev
+        echo binutils pkg-config man-db dpkg-dev file
         ;;
     lint) echo clang clang-format clang-tidy git ;;
     fuzz) echo clang libclang-rt-14-dev ;;
     bench) echo libbenchmark-dev libffi-dev libtalloc-dev libapr1-dev pkg-config ;;
-    package) echo dpkg-dev ;;
+    package) echo dpkg-dev file ;;
     *) return 1 ;;
     esac
 }

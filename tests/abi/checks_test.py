@@ -121,6 +121,11 @@ class Layers(WithFolder):
         self.write("common/zd_err.cpp", '#include "common/zd_err_stack.h"\n')
         self.assert_found("common/zd_err -> common/zd_err_stack -> common/zd_err")
 
+    def test_circle_of_headers_within_one_unit_is_found(self):
+        self.write("common/alloc/alloc_alg.h", '#include "common/alloc/region_clialloc.h"\n')
+        self.write("common/alloc/region_clialloc.h", '#include "common/alloc/alloc_alg.h"\n')
+        self.assert_found("headers include each other in a circle: common/alloc/alloc_alg.h")
+
 
 class Words(WithFolder):
     """Each in a tree of its own, which has no git folder: every file in it counts."""
