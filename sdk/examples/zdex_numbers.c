@@ -12,6 +12,7 @@
  */
 
 #include <stddef.h>
+#include <string.h>
 
 /* Four bytes in, four bytes out. */
 int zdex_add(int a, int b) {
@@ -67,6 +68,14 @@ void zdex_divide(int dividend, int divisor, int *quotient, int *remainder) {
     *remainder = divisor != 0 ? dividend % divisor : 0;
 }
 
+/*
+ * What a pointer points to is aligned to four bytes only, as it lay in the message. This processor
+ * reads an eight-byte value from such a place all the same, but the C language does not promise
+ * it: memcpy does.
+ */
 void zdex_increment(long *value) {
-    ++*value;
+    long number;
+    memcpy(&number, value, sizeof number);
+    number++;
+    memcpy(value, &number, sizeof number);
 }
