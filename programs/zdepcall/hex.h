@@ -1,0 +1,27 @@
+// Bytes as hexadecimal text and back.
+
+#ifndef ZDEPCALL_HEX_H
+#define ZDEPCALL_HEX_H
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zdepcall {
+
+using Bytes = std::vector<uint8_t>;
+using ByteView = std::span<const uint8_t>;
+
+// Two lower-case digits a byte, nothing between them.
+std::string to_hex(ByteView bytes);
+
+// The bytes of an even number of hex digits, either case; nothing when the text is something else.
+// Empty text is no bytes.
+std::optional<Bytes> from_hex(std::string_view text);
+
+} // namespace zdepcall
+
+#endif
