@@ -1,8 +1,10 @@
 // Runs the benchmarks of a program: pinned to one processor, all in one process, their repetitions
 // interleaved at random, and reports medians and ratios.
 //
-// A benchmark is named "question/peer". Of each question, the peers whose names begin with "zdepl"
-// are ours; the table has a column for each of them: its time divided by the line's.
+// A benchmark is named "question/peer". Of each question, the peers whose names begin with "zdep"
+// are ours; the table has a column for each of them: its figure divided by the line's. The figure
+// is time (of the processor, or of the clock where the benchmark says so), or the counter "KiB" of
+// a benchmark that sets one.
 
 #include <benchmark/benchmark.h>
 #include <sched.h>
@@ -18,11 +20,16 @@ namespace {
 struct Measured {
     int64_t order; // of the source file: runs come in at random
     std::string peer;
-    double median; // nanoseconds of processor time an iteration
+    double median;
+};
+
+struct Question {
+    const char *unit;
+    std::vector<Measured> lines;
 };
 
 bool is_ours(const std::string &peer) {
-    return peer.rfind("zdepl", 0) == 0;
+    return peer.rfind("zdep", 0) == 0;
 }
 
 class RatioReporter : public benchmark::BenchmarkReporter {
@@ -40,34 +47,44 @@ class RatioReporter : public benchmark::BenchmarkReporter {
                 continue;
             const std::string &name = run.run_name.function_name;
             const size_t slash = name.find('/');
-            const std::string question = name.substr(0, slash);
-            questions_[question].push_back(
-                {run.family_index, name.substr(slash + 1), run.GetAdjustedCPUTime()});
+            Question &question = questions_[name.substr(0, slash)];
+            question.unit = run.counters.count(kMemoryCounter) != 0 ? "KiB" : "ns";
+            question.lines.push_back({run.family_index, name.substr(slash + 1), figure(run)});
         }
     }
 
     void Finalize() override {
-        for (auto &[question, lines] : questions_) {
-            std::sort(lines.begin(), lines.end(), [](const Measured &one, const Measured &other) {
-                return one.order < other.order;
-            });
-            print(question, lines);
+        for (auto &[name, question] : questions_) {
+            std::sort(
+                question.lines.begin(), question.lines.end(),
+                [](const Measured &one, const Measured &other) { return one.order < other.order; });
+            print(name, question);
         }
     }
 
     bool failed() const { return failed_; }
 
   private:
-    static void print(const std::string &question, const std::vector<Measured> &lines) {
-        printf("%s\n  %-34s %12s", question.c_str(), "", "median ns");
+    static constexpr char kMemoryCounter[] = "KiB";
+
+    static double figure(const Run &run) {
+        const auto memory = run.counters.find(kMemoryCounter);
+        if (memory != run.counters.end())
+            return memory->second;
+        return run.run_name.time_type.empty() ? run.GetAdjustedCPUTime()
+                                              : run.GetAdjustedRealTime();
+    }
+
+    static void print(const std::string &name, const Question &question) {
+        printf("%s\n  %-34s %8s %3s", name.c_str(), "", "median", question.unit);
         std::vector<Measured> ours;
-        for (const Measured &line : lines)
+        for (const Measured &line : question.lines)
             if (is_ours(line.peer))
                 ours.push_back(line);
         for (const Measured &own : ours)
             printf("  %20s", own.peer.c_str());
         printf("\n");
-        for (const Measured &line : lines) {
+        for (const Measured &line : question.lines) {
             printf("  %-34s %12.1f", line.peer.c_str(), line.median);
             for (const Measured &own : ours)
                 printf("  %19.2fx", own.median / line.median);
@@ -75,7 +92,7 @@ class RatioReporter : public benchmark::BenchmarkReporter {
         }
     }
 
-    std::map<std::string, std::vector<Measured>> questions_;
+    std::map<std::string, Question> questions_;
     bool failed_ = false;
 };
 

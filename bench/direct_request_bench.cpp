@@ -5,53 +5,36 @@
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
 #include <ffi.h>
-#include <stdlib.h>
 
-#include <filesystem>
-#include <string>
-
+#include "child.h"
 #include "client/zdepa/epa_context_mgr.h"
 #include "client/zdepa/epa_init.h"
 #include "client/zdepa/epa_proc.h"
 #include "common/alloc/region_clialloc.h"
 #include "common/alloc/system_clialloc.h"
-#include "common/zdmsg/zdmsg.h"
-#include "common/zdmsg/zdmsg_setter_gen.h"
+#include "request.h"
 
 namespace {
 
-constexpr int kValueFlag = 1 << 16 | ZD_TYPE_PLS_INT << 8 | EXT_TYPE_INT;
 constexpr int kParams = 5;
 
 void direct_form(benchmark::State &state) {
-    std::string home = (std::filesystem::temp_directory_path() / "zdepl_bench_XXXXXX").string();
-    if (mkdtemp(home.data()) == nullptr)
-        return state.SkipWithError("no home directory");
-    setenv("ZD_HOME", home.c_str(), 1);
+    const AgentHome home;
     epa_init_dir();
-
-    int32_t values[kParams] = {1, 2, 3, 4, 5};
-    zdmsg_struct_extproc_param_t params[kParams];
-    for (int i = 0; i < kParams; i++)
-        zdmsg_struct_extproc_param_set(&params[i], kValueFlag, 4, 4,
-                                       reinterpret_cast<char *>(&values[i]));
-    zdmsg_extproc_execute_t request;
-    zdmsg_extproc_execute_set(&request, BENCH_ROUTINES_LIBRARY, "five_ints", 0, kValueFlag, kParams,
-                              params);
+    Request request("five_ints", kReturnsInt, five_int_arguments());
     allocator_t *const caller = real_sys_region_allocator_new(&_system_allocator, "bench", 1);
     zdmsg_extproc_execute_reply_t reply;
     for (auto _ : state) {
-        epa_process_request_dir(&request.base, &reply.base, caller);
+        epa_process_request_dir(request.record(), &reply.base, caller);
         benchmark::DoNotOptimize(reply.reply_param.data[0].data_value.data);
         region_cleanup(caller);
     }
-    epa_process_request_dir(&request.base, &reply.base, caller);
+    epa_process_request_dir(request.record(), &reply.base, caller);
     if (reply.errstack.len != 0 ||
-        *reinterpret_cast<int32_t *>(reply.reply_param.data[0].data_value.data) != 15)
+        *reinterpret_cast<int32_t *>(reply.reply_param.data[0].data_value.data) != kFiveIntsResult)
         state.SkipWithError("wrong reply");
     caller->desc->func_delete(caller);
     epa_context_mgr_delete();
-    std::filesystem::remove_all(home);
 }
 BENCHMARK(direct_form)->Name("in-process request, five ints/zdepl direct form");
 
@@ -71,7 +54,7 @@ void by_hand(benchmark::State &state) {
         benchmark::DoNotOptimize(result);
         dlclose(handle);
     }
-    if (result != 15)
+    if (result != kFiveIntsResult)
         state.SkipWithError("wrong result");
     dlclose(opened);
 }

@@ -1,0 +1,43 @@
+// How long does an agent take from exec to its readiness signal? Beside a program that does nothing
+// but send that signal.
+
+#include <benchmark/benchmark.h>
+
+#include "child.h"
+
+namespace {
+
+constexpr int kBatch = 4; // starts in a row of one program: short against a time slice
+constexpr int kBatches = 101;
+
+const AgentHome home;
+
+void start(benchmark::State &state, const char *program,
+           const std::vector<std::string> &arguments) {
+    for (auto _ : state) {
+        const Child child(program, arguments);
+        child.await_ready();
+        state.SetIterationTime(static_cast<double>(now() - child.started()) * 1e-9);
+        child.await_idle(); // what it does after the signal is not part of the next start
+    }
+}
+
+void agent(benchmark::State &state) {
+    start(state, AGENT_PROGRAM, {"--fd", Child::kSocketText});
+}
+BENCHMARK(agent)
+    ->Name("exec to readiness/zdepa")
+    ->Iterations(kBatch)
+    ->Repetitions(kBatches)
+    ->UseManualTime();
+
+void nothing(benchmark::State &state) {
+    start(state, READY_PEER_PROGRAM, {Child::kSocketText});
+}
+BENCHMARK(nothing)
+    ->Name("exec to readiness/do-nothing program")
+    ->Iterations(kBatch)
+    ->Repetitions(kBatches)
+    ->UseManualTime();
+
+} // namespace
