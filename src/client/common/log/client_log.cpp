@@ -112,8 +112,9 @@ int open_log(client_log_hdl_t *hdl) {
         hdl->err_func(kUnit, kCannotOpen, "Cannot open log file \"%s\"", hdl->filepath);
         return -1;
     }
-    // A file opened for reading as well starts at 0, and its size is what counts.
-    fseek(hdl->fp, 0, SEEK_END);
+    // A file opened for reading as well starts at 0, and its size is what counts. Moved below the
+    // stream, which has read nothing yet: it would allocate its buffer and look the file up twice.
+    lseek(fileno(hdl->fp), 0, SEEK_END);
     return 0;
 }
 
