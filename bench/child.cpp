@@ -17,6 +17,8 @@ namespace {
 
 constexpr int kChildSocket = 3;
 constexpr char kReadinessSignal[] = "BOOT SUCCESS";
+constexpr useconds_t kPollMicroseconds = 200;
+constexpr char kMemoryFolder[] = "/dev/shm";
 
 } // namespace
 
@@ -84,12 +86,14 @@ void Child::await_ready() const {
 }
 
 void Child::await_idle() const {
-    for (;;) {
+    // A line "running", or the number of the system call in which the process sleeps.
+    for (std::string line;; usleep(kPollMicroseconds)) {
         std::ifstream file(proc("syscall"));
-        long number = -1;
-        if (file >> number && (number == SYS_recvfrom || number == SYS_read))
+        if (!std::getline(file, line))
+            give_up(proc("syscall").c_str());
+        const long number = strtol(line.c_str(), nullptr, 10);
+        if (line != "running" && (number == SYS_recvfrom || number == SYS_read))
             return;
-        usleep(1000);
     }
 }
 
@@ -119,10 +123,17 @@ std::string Child::proc(const char *name) const {
     return "/proc/" + std::to_string(pid_) + "/" + name;
 }
 
-AgentHome::AgentHome()
-    : path_((std::filesystem::temp_directory_path() / "zdepl_bench_XXXXXX").string()) {
+AgentHome::AgentHome(Place place) {
+    const bool in_memory = place == Place::memory && access(kMemoryFolder, W_OK) == 0;
+    const std::filesystem::path folder =
+        in_memory ? kMemoryFolder : std::filesystem::temp_directory_path();
+    path_ = (folder / "zdepl_bench_XXXXXX").string();
     if (mkdtemp(path_.data()) == nullptr)
         give_up(path_.c_str());
+    select();
+}
+
+void AgentHome::select() const {
     setenv("ZD_HOME", path_.c_str(), 1);
 }
 

@@ -50,11 +50,17 @@ class Child {
     volatile int64_t started_; // written by the child, which shares our memory until then
 };
 
-// A fresh home directory for agents, named by ZD_HOME; gone with the object.
+// A fresh home directory for agents; gone with the object. The agents that are started next have
+// the home that was selected last, a new one being selected at once.
 class AgentHome {
   public:
-    AgentHome();
+    enum class Place {
+        memory, // where the system keeps a file system in memory: no disk is measured
+        disk,   // where temporary files go
+    };
+    explicit AgentHome(Place place = Place::memory);
     ~AgentHome();
+    void select() const;
     AgentHome(const AgentHome &) = delete;
     AgentHome &operator=(const AgentHome &) = delete;
 
