@@ -18,8 +18,9 @@ import sys
 LAYERS = (
     ("base", """
         common/zd_base  common/zd_env  common/list
-        common/alloc/allocator  common/zdmsg/zdmsg_record  common/zdmsg/zdmsg_field
-        client/common/client_assert  client/common/client_try  common/alloc/std_assert
+        common/alloc/allocator  common/alloc/region_assert
+        common/zdmsg/zdmsg_record  common/zdmsg/zdmsg_field
+        client/common/client_assert  client/common/client_try
         zdextproc
     """),
     ("catalogue and heap", """
@@ -37,7 +38,8 @@ LAYERS = (
     """),
     ("memory", """
         common/listc
-        common/alloc/clialloc_dbginfo  common/alloc/region_clialloc
+        common/alloc/region_record  common/alloc/alloc_alg  common/alloc/clialloc_dbginfo
+        common/alloc/region_clialloc  common/alloc/region_clialloc_check
         common/alloc/alloc_tracedump
     """),
     ("errors", """

@@ -150,7 +150,7 @@ struct fit_t {
     csize_t excess;
 };
 
-constexpr fit_t kNoFit = {nullptr, kLargestRegion};
+constexpr fit_t kNoFit = {nullptr, INT64_MAX};
 
 void consider(fit_t *fit, treechunk_t *node, csize_t size) {
     const csize_t excess = tree_size(node) - size; // of a smaller node: larger than any

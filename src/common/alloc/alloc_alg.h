@@ -5,7 +5,7 @@
 #ifndef ALLOC_ALG_H
 #define ALLOC_ALG_H
 
-#include "common/alloc/region_clialloc.h"
+#include "common/alloc/region_record.h"
 
 #define REGION_HEAD_SIZE 32  // region_t, before the first chunk
 #define REGION_FENCE_SIZE 16 // the fencepost, after the last one

@@ -16,11 +16,10 @@ const char *base_name(const char *file) {
     return slash == nullptr ? file : slash + 1;
 }
 
-// The first chunk of a FIXED allocator's buffer holds the allocator's record and nothing else.
+// The first chunk of a FIXED allocator's buffer holds the allocator's record and nothing else. Where
+// the record has its operations, a block has its size, which is never that large.
 bool holds_record(const chunk_t *chunk) {
-    const allocator_t *const record = reinterpret_cast<const allocator_t *>(&chunk->fd);
-    return record->alloc_type == ALLOC_TYPE_CLIENT_REGION_FIXED &&
-           record->desc == &region_allocator_desc;
+    return reinterpret_cast<const allocator_t *>(&chunk->fd)->desc == &region_allocator_desc;
 }
 
 void print_chunk(dstream_t *dstream, const chunk_t *chunk, const char *indent, csize_t user_offset,

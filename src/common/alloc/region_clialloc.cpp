@@ -7,7 +7,7 @@
 #include "client/common/client_try.h"
 #include "common/alloc/alloc_alg.h"
 #include "common/alloc/clialloc_dbginfo.h"
-#include "common/alloc/std_assert.h"
+#include "common/alloc/region_assert.h"
 #include "common/ec.h"
 #include "common/zd_dump.h"
 
@@ -117,7 +117,7 @@ allocator_t *real_sys_region_allocator_new(allocator_t *parent, const char *file
 
 allocator_t *fixed_region_allocator_new(void *base_ptr, int64_t size) {
     // The text is what a rounding macro expands to; readers of reports know it.
-    STD_ASSERT("region_clialloc", size == (((size) + ((8) - 1)) & ~((8) - 1)));
+    REGION_ASSERT(size == (((size) + ((8) - 1)) & ~((8) - 1)));
     ZD_ASSERT("region_clialloc", reinterpret_cast<uintptr_t>(base_ptr) % 8 == 0);
     ZD_ASSERT("region_clialloc", size >= static_cast<int64_t>(kFixedOverhead));
     region_t *const region = static_cast<region_t *>(base_ptr);

@@ -7,10 +7,8 @@
 
 #include "common/alloc/alloc_alg.h"
 #include "common/alloc/clialloc_dbginfo.h"
+#include "common/alloc/region_assert.h"
 #include "common/alloc/region_clialloc.h"
-#include "common/alloc/std_assert.h"
-
-#define CHECK(condition) STD_ASSERT("region_clialloc", condition)
 
 namespace {
 
@@ -26,7 +24,7 @@ struct ptrlist_t {
 void list_grow(ptrlist_t *list) {
     list->room += kListGrowth;
     list->ptrs = static_cast<void **>(realloc(list->ptrs, list->room * sizeof(void *)));
-    CHECK(list->ptrs != NULL);
+    REGION_ASSERT(list->ptrs != NULL);
 }
 
 ptrlist_t list_new() {
@@ -61,19 +59,19 @@ bool is_used(const void *chunk) {
 
 void check_chunk(walk_t *walk, chunk_t *chunk, const chunk_t *fencepost) {
     const csize_t size = chunk_size(chunk);
-    CHECK((chunk->head & FENCEPOST_BIT) == 0);
-    CHECK(size >= CHUNK_MIN_SIZE);
-    CHECK(size <= static_cast<csize_t>(reinterpret_cast<const char *>(fencepost) -
-                                       reinterpret_cast<const char *>(chunk)));
+    REGION_ASSERT((chunk->head & FENCEPOST_BIT) == 0);
+    REGION_ASSERT(size >= CHUNK_MIN_SIZE);
+    REGION_ASSERT(size <= static_cast<csize_t>(reinterpret_cast<const char *>(fencepost) -
+                                               reinterpret_cast<const char *>(chunk)));
     const chunk_t *const next = chunk_next(chunk);
     if (is_used(chunk)) {
-        CHECK((next->head & PINUSE_BIT) != 0);
+        REGION_ASSERT((next->head & PINUSE_BIT) != 0);
         walk->total_used_size += size;
         list_append(&walk->usedchunks, chunk);
     } else {
-        CHECK(next->prev_foot == size);
-        CHECK(((next)->head & (2LLU))); // two free chunks are never neighbours
-        CHECK((next->head & PINUSE_BIT) == 0);
+        REGION_ASSERT(next->prev_foot == size);
+        REGION_ASSERT(((next)->head & (2LLU))); // two free chunks are never neighbours
+        REGION_ASSERT((next->head & PINUSE_BIT) == 0);
         list_append(&walk->freechunks, chunk);
     }
 }
@@ -81,30 +79,31 @@ void check_chunk(walk_t *walk, chunk_t *chunk, const chunk_t *fencepost) {
 void check_regions(walk_t *walk, CLI_alloc_t *alloc) {
     const region_t *region_prev = &alloc->regions;
     for (region_t *region = alloc->regions.next; region != &alloc->regions; region = region->next) {
-        CHECK(region->prev == region_prev);
+        REGION_ASSERT(region->prev == region_prev);
         const chunk_t *const fencepost = region_fencepost(region);
-        CHECK((fencepost->head & ~PINUSE_BIT) == (region->size | CINUSE_BIT | FENCEPOST_BIT));
+        REGION_ASSERT((fencepost->head & ~PINUSE_BIT) ==
+                      (region->size | CINUSE_BIT | FENCEPOST_BIT));
         chunk_t *chunk = region_first_chunk(region);
-        CHECK((chunk->head & PINUSE_BIT) != 0);
+        REGION_ASSERT((chunk->head & PINUSE_BIT) != 0);
         for (; chunk != fencepost; chunk = chunk_next(chunk))
             check_chunk(walk, chunk, fencepost);
         walk->total_region_size += region->size;
         region_prev = region;
     }
-    CHECK(alloc->regions.prev == region_prev);
+    REGION_ASSERT(alloc->regions.prev == region_prev);
 }
 
 void check_totals(const walk_t *walk, CLI_alloc_t *alloc) {
     const csize_t total_region_size = walk->total_region_size;
-    CHECK(alloc->total_size == total_region_size);
+    REGION_ASSERT(alloc->total_size == total_region_size);
     if (alloc->alloctype == REGION_ALLOC_SYS) {
-        CHECK(alloc->total_used == walk->total_used_size);
+        REGION_ASSERT(alloc->total_used == walk->total_used_size);
     } else if (alloc->alloctype == REGION_ALLOC_FIXED) {
         // The record's chunk, which may have absorbed a rest too small for a chunk of its own.
         const csize_t record_size = chunk_size(region_first_chunk(alloc->regions.next));
-        CHECK(alloc->total_used + record_size == walk->total_used_size);
+        REGION_ASSERT(alloc->total_used + record_size == walk->total_used_size);
     } else {
-        __assert_fail("0", "region_clialloc", __LINE__, __func__);
+        REGION_ASSERT(0);
     }
 }
 
@@ -113,17 +112,17 @@ void check_totals(const walk_t *walk, CLI_alloc_t *alloc) {
 void check_smallbin(walk_t *walk, CLI_alloc_t *alloc, bindex_t index) {
     chunk_t *const bin = smallbin_at(alloc, index);
     const bool marked = ((alloc->smallmap >> index) & 1) != 0;
-    CHECK(marked == (bin->fd != bin));
+    REGION_ASSERT(marked == (bin->fd != bin));
     chunk_t *previous = bin;
     for (chunk_t *chunk = bin->fd; chunk != bin; chunk = chunk->fd) {
-        CHECK(is_aligned(chunk));
-        CHECK(chunk->bk == previous);
-        CHECK(chunk_size(chunk) == static_cast<csize_t>(index) * 8);
-        CHECK(!is_used(chunk));
+        REGION_ASSERT(is_aligned(chunk));
+        REGION_ASSERT(chunk->bk == previous);
+        REGION_ASSERT(chunk_size(chunk) == static_cast<csize_t>(index) * 8);
+        REGION_ASSERT(!is_used(chunk));
         list_append(&walk->chunks_from_bins, chunk);
         previous = chunk;
     }
-    CHECK(bin->bk == previous);
+    REGION_ASSERT(bin->bk == previous);
 }
 
 csize_t tree_size(const treechunk_t *node) {
@@ -131,62 +130,64 @@ csize_t tree_size(const treechunk_t *node) {
 }
 
 void check_treechunk(walk_t *walk, treechunk_t *chunk, bindex_t index) {
+    REGION_ASSERT(is_aligned(chunk));
     const csize_t size = tree_size(chunk);
-    CHECK(is_aligned(chunk));
-    CHECK(size >= treebin_min_size(index));
-    CHECK(index == REGION_TREEBIN_COUNT - 1 || size < treebin_min_size(index + 1));
-    CHECK(!is_used(chunk));
-    CHECK(chunk->index == index);
+    REGION_ASSERT(size >= treebin_min_size(index));
+    REGION_ASSERT(index == REGION_TREEBIN_COUNT - 1 || size < treebin_min_size(index + 1));
+    REGION_ASSERT(!is_used(chunk));
+    REGION_ASSERT(chunk->index == index);
     list_append(&walk->chunks_from_bins, chunk);
 }
 
 // The others of a node's ring have its size, and no links into the trie.
 void check_ring(walk_t *walk, const treechunk_t *node) {
-    CHECK(node->fd->bk == node);
+    REGION_ASSERT(node->fd->bk == node);
     for (treechunk_t *chunk = node->fd; chunk != node; chunk = chunk->fd) {
         check_treechunk(walk, chunk, node->index);
-        CHECK(chunk->fd->bk == chunk);
-        CHECK(tree_size(chunk) == tree_size(node));
-        CHECK(chunk->parent == NULL);
-        CHECK(chunk->child[0] == NULL);
-        CHECK(chunk->child[1] == NULL);
+        REGION_ASSERT(chunk->fd->bk == chunk);
+        REGION_ASSERT(tree_size(chunk) == tree_size(node));
+        REGION_ASSERT(chunk->parent == NULL);
+        REGION_ASSERT(chunk->child[0] == NULL);
+        REGION_ASSERT(chunk->child[1] == NULL);
     }
 }
 
-// A node at a depth of the trie (the root's is 0). path holds the bits, below those that the whole
-// bin has in common, by which it was reached; the latest one is the lowest.
-void check_node(walk_t *walk, treechunk_t *node, bindex_t index, unsigned int depth, csize_t path) {
-    check_treechunk(walk, node, index);
-    const csize_t bits = tree_size(node) << treebin_shift(index);
-    CHECK(depth == 0 || bits >> (64 - depth) == path);
+struct position_t {
+    bindex_t index;
+    unsigned int depth; // the root's is 0
+    csize_t path;       // the sides taken from the root on, as bits, the latest one lowest
+};
+
+void check_node(walk_t *walk, treechunk_t *node, const treechunk_t *parent, position_t at) {
+    check_treechunk(walk, node, at.index);
+    REGION_ASSERT(node->parent == parent);
+    const csize_t bits = tree_size(node) << treebin_shift(at.index);
+    REGION_ASSERT(at.depth == 0 || bits >> (64 - at.depth) == at.path);
     check_ring(walk, node);
     for (csize_t side = 0; side < 2; side++) {
-        treechunk_t *const child = node->child[side];
-        if (child == nullptr)
+        if (node->child[side] == nullptr)
             continue;
-        CHECK(depth < 63);
-        CHECK(child->parent == node);
-        check_node(walk, child, index, depth + 1, (path << 1) | side);
+        REGION_ASSERT(at.depth < 63);
+        check_node(walk, node->child[side], node, {at.index, at.depth + 1, at.path << 1 | side});
     }
 }
 
 void check_treebin(walk_t *walk, CLI_alloc_t *alloc, bindex_t index) {
     treechunk_t *const root = alloc->treebins[index];
     const bool marked = ((alloc->treemap >> index) & 1) != 0;
-    CHECK(marked == (root != NULL));
-    if (root == nullptr)
-        return;
-    CHECK(root->parent == reinterpret_cast<treechunk_t *>(&alloc->treebins[index]));
-    check_node(walk, root, index, 0, 0);
+    REGION_ASSERT(marked == (root != NULL));
+    if (root != nullptr)
+        check_node(walk, root, reinterpret_cast<treechunk_t *>(&alloc->treebins[index]),
+                   {index, 0, 0});
 }
 
 void check_victim(walk_t *walk, const CLI_alloc_t *alloc) {
     if (alloc->dvsize == 0)
         return;
-    CHECK(alloc->dv != NULL);
-    CHECK(is_aligned(alloc->dv));
-    CHECK(chunk_size(alloc->dv) == alloc->dvsize);
-    CHECK(alloc->dvsize >= CHUNK_MIN_SIZE);
+    REGION_ASSERT(alloc->dv != NULL);
+    REGION_ASSERT(is_aligned(alloc->dv));
+    REGION_ASSERT(chunk_size(alloc->dv) == alloc->dvsize);
+    REGION_ASSERT(alloc->dvsize >= CHUNK_MIN_SIZE);
     list_append(&walk->chunks_from_bins, alloc->dv);
 }
 
@@ -208,11 +209,11 @@ void check_freechunks(const walk_t *walk) {
         print_list("chunks_from_bins:", &chunks_from_bins);
         fflush(stdout);
     }
-    CHECK(freechunks.num == chunks_from_bins.num);
+    REGION_ASSERT(freechunks.num == chunks_from_bins.num);
     _ptrlist_sort(freechunks.ptrs, freechunks.num);
     _ptrlist_sort(chunks_from_bins.ptrs, chunks_from_bins.num);
     for (unsigned int i = 0; i < freechunks.num; i++)
-        CHECK(freechunks.ptrs[i] == chunks_from_bins.ptrs[i]);
+        REGION_ASSERT(freechunks.ptrs[i] == chunks_from_bins.ptrs[i]);
 }
 
 // Exactly the blocks at ptrs must be in use, and a FIXED allocator's record before them.
@@ -223,12 +224,12 @@ void check_usedchunks(const walk_t *walk, const CLI_alloc_t *alloc, unsigned int
         list_append(&expected, static_cast<char *>(ptrs[i]) - DBGINFO_USER_OFFSET);
     const ptrlist_t usedchunks = walk->usedchunks;
     const unsigned int extra = alloc->alloctype == REGION_ALLOC_FIXED ? 1 : 0;
-    CHECK(usedchunks.num == expected.num + extra);
+    REGION_ASSERT(usedchunks.num == expected.num + extra);
     _ptrlist_sort(usedchunks.ptrs, usedchunks.num);
     _ptrlist_sort(expected.ptrs, expected.num);
-    CHECK(extra == 0 || usedchunks.ptrs[0] == region_first_chunk(alloc->regions.next));
+    REGION_ASSERT(extra == 0 || usedchunks.ptrs[0] == region_first_chunk(alloc->regions.next));
     for (unsigned int i = 0; i < expected.num; i++)
-        CHECK(usedchunks.ptrs[i + extra] == expected.ptrs[i]);
+        REGION_ASSERT(usedchunks.ptrs[i + extra] == expected.ptrs[i]);
     free(expected.ptrs);
 }
 
