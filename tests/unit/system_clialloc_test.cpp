@@ -4,6 +4,8 @@
 
 #include <cstring>
 
+#include "support/refusing_heap.h"
+
 namespace {
 
 allocator_t *const kSystem = &_system_allocator;
