@@ -18,7 +18,7 @@ import sys
 LAYERS = (
     ("base", """
         common/zd_base  common/zd_env  common/list
-        common/alloc/allocator  common/alloc/region_assert
+        common/alloc/allocator  common/alloc/alloc_mutex  common/alloc/region_assert
         common/zdmsg/zdmsg_record  common/zdmsg/zdmsg_field
         client/common/client_assert  client/common/client_try
         zdextproc

@@ -6,6 +6,7 @@
 #include "client/common/client_assert.h"
 #include "client/common/client_try.h"
 #include "common/alloc/alloc_alg.h"
+#include "common/alloc/alloc_mutex.h"
 #include "common/alloc/clialloc_dbginfo.h"
 #include "common/alloc/region_assert.h"
 #include "common/ec.h"
@@ -85,9 +86,9 @@ void leave_parent(allocator_t *alloc) {
     allocator_t *const parent = alloc->parent;
     if (parent == nullptr)
         return;
-    pthread_mutex_lock(&parent->mutex);
+    const mutex_hold_t hold = alloc_mutex_lock(&parent->mutex);
     list_unlink(&alloc->link);
-    pthread_mutex_unlock(&parent->mutex);
+    alloc_mutex_unlock(&parent->mutex, hold);
 }
 
 void free_regions(CLI_alloc_t *alloc) {
@@ -108,10 +109,10 @@ allocator_t *real_sys_region_allocator_new(allocator_t *parent, const char *file
     init(alloc, ALLOC_TYPE_CLIENT_REGION_SYS, "(SYSTEM region allocator)", REGION_ALLOC_SYS);
     alloc->super.file = file;
     alloc->super.line = static_cast<uint32_t>(line);
-    pthread_mutex_lock(&parent->mutex);
+    const mutex_hold_t hold = alloc_mutex_lock(&parent->mutex);
     alloc->super.parent = parent;
     list_add_tail(&parent->child, &alloc->super.link);
-    pthread_mutex_unlock(&parent->mutex);
+    alloc_mutex_unlock(&parent->mutex, hold);
     return &alloc->super;
 }
 
@@ -150,20 +151,20 @@ void *region_malloc(allocator_t *super, int64_t bytes, const char *file, int lin
     CLI_alloc_t *const alloc = as_region(super);
     csize_t size = chunk_size_for(bytes);
     chunk_t *chunk;
-    pthread_mutex_lock(&super->mutex);
+    const mutex_hold_t hold = alloc_mutex_lock(&super->mutex);
     if (victim_is_next(alloc, size)) { // the commonest case, without a call
         chunk = victim_carve(alloc, size);
     } else {
         chunk = CLI_malloc_internal(alloc, size);
         if (ZD_UNLIKELY(chunk == nullptr)) {
-            pthread_mutex_unlock(&super->mutex);
+            alloc_mutex_unlock(&super->mutex, hold);
             return nullptr;
         }
         size = chunk_size(chunk);
     }
     alloc->total_used += size;
     dbginfo_set(block_of(chunk), bytes, file, line);
-    pthread_mutex_unlock(&super->mutex);
+    alloc_mutex_unlock(&super->mutex, hold);
     return block_of(chunk);
 }
 
@@ -177,31 +178,31 @@ void *region_realloc(allocator_t *super, void *ptr, int64_t bytes, const char *f
     ZD_ASSERT_AT("region_clialloc", 494, bytes > 0);
     ZD_ASSERT_AT("region_clialloc", 500, ptr != NULL);
     CLI_alloc_t *const alloc = as_region(super);
-    pthread_mutex_lock(&super->mutex);
+    const mutex_hold_t hold = alloc_mutex_lock(&super->mutex);
     dbginfo_check(ptr);
     const csize_t oldsize = chunk_size(MEM2CHUNK(ptr));
     chunk_t *const chunk = CLI_realloc_internal(alloc, MEM2CHUNK(ptr), chunk_size_for(bytes));
     if (ZD_UNLIKELY(chunk == nullptr)) {
-        pthread_mutex_unlock(&super->mutex);
+        alloc_mutex_unlock(&super->mutex, hold);
         return nullptr;
     }
     ZD_ASSERT_AT("region_clialloc", 537, alloc->total_used >= oldsize);
     alloc->total_used += chunk_size(chunk) - oldsize;
     dbginfo_set(block_of(chunk), bytes, file, line);
-    pthread_mutex_unlock(&super->mutex);
+    alloc_mutex_unlock(&super->mutex, hold);
     return block_of(chunk);
 }
 
 void region_free(allocator_t *super, void *base, const char *, int) {
     CLI_alloc_t *const alloc = as_region(super);
-    pthread_mutex_lock(&super->mutex);
+    const mutex_hold_t hold = alloc_mutex_lock(&super->mutex);
     ZD_ASSERT_AT("region_clialloc", 574, CINUSE(MEM2CHUNK(base)));
     dbginfo_check(base);
     const csize_t chunksize = chunk_size(MEM2CHUNK(base));
     ZD_ASSERT_AT("region_clialloc", 582, alloc->total_used >= chunksize);
     alloc->total_used -= chunksize;
     CLI_free_internal(alloc, MEM2CHUNK(base));
-    pthread_mutex_unlock(&super->mutex);
+    alloc_mutex_unlock(&super->mutex, hold);
 }
 
 void region_delete(allocator_t *super) {
