@@ -69,11 +69,6 @@ ELSEWHERE = {
     "common/zdmsg/zdmsg_setter_gen", "zdextproc",
 }
 
-# Files that are one unit with another: they share its records and call each other.
-PART_OF = {
-    "common/alloc/alloc_alg": "common/alloc/region_clialloc",  # the index of its free chunks
-    "common/alloc/region_clialloc_check": "common/alloc/region_clialloc",
-}
 
 LAYER_OF = {unit: level for level, (_, units) in enumerate(LAYERS) for unit in units.split()}
 INCLUDE = re.compile(r'\s*#\s*include\s*"([^"]+)"')
@@ -96,7 +91,7 @@ def unit_of(path):
     name, extension = os.path.splitext(path)
     if extension == ".inc":
         name = name.rpartition("_")[0]
-    return PART_OF.get(name, name)
+    return name
 
 
 def includes_of(path):
