@@ -47,6 +47,13 @@ void *block_of(chunk_t *chunk) {
     return reinterpret_cast<char *>(chunk) + DBGINFO_USER_OFFSET;
 }
 
+void empty_smallbin(CLI_alloc_t *alloc, int i) {
+    chunk_t *const bin = smallbin_at(alloc, static_cast<bindex_t>(i));
+    bin->fd = bin;
+    bin->bk = bin;
+}
+
+// What holds between two lives of an allocator, apart from its bins.
 void reset(CLI_alloc_t *alloc) {
     list_init(&alloc->super.child);
     alloc->total_size = 0;
@@ -57,13 +64,14 @@ void reset(CLI_alloc_t *alloc) {
     alloc->treemap = 0;
     alloc->dvsize = 0;
     alloc->dv = nullptr;
-    for (bindex_t i = 0; i < REGION_SMALLBIN_COUNT; i++) {
-        chunk_t *const bin = smallbin_at(alloc, i);
-        bin->fd = bin;
-        bin->bk = bin;
-    }
-    for (treechunk_t *&root : alloc->treebins)
-        root = nullptr;
+}
+
+// Of 64 bins a request leaves few marked; the others are as they should be.
+void empty_marked_bins(CLI_alloc_t *alloc) {
+    for (binmap_t marked = alloc->smallmap; marked != 0; marked &= marked - 1)
+        empty_smallbin(alloc, __builtin_ctz(marked));
+    for (binmap_t marked = alloc->treemap; marked != 0; marked &= marked - 1)
+        alloc->treebins[__builtin_ctz(marked)] = nullptr;
 }
 
 void init(CLI_alloc_t *alloc, allocator_type_t type, const char *name, region_alloctype_t kind) {
@@ -73,6 +81,10 @@ void init(CLI_alloc_t *alloc, allocator_type_t type, const char *name, region_al
     pthread_mutex_init(&alloc->super.mutex, nullptr);
     alloc->alloctype = kind;
     reset(alloc);
+    for (int i = 0; i < REGION_SMALLBIN_COUNT; i++)
+        empty_smallbin(alloc, i);
+    for (treechunk_t *&root : alloc->treebins)
+        root = nullptr;
 }
 
 void delete_children(allocator_t *alloc) {
@@ -227,6 +239,7 @@ void region_cleanup(allocator_t *super) {
     if (alloc->alloctype != REGION_ALLOC_SYS)
         zd_assert_fail("0", "region_clialloc", 350);
     free_regions(alloc);
+    empty_marked_bins(alloc);
     reset(alloc);
     list_add_tail(&super->parent->child, &super->link); // without the parent's lock
 }
