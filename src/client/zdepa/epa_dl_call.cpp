@@ -144,11 +144,13 @@ bool is_text(zd_type_ext_t zd_type_ext) {
     return zd_type_ext == EXT_TYPE_STRING || zd_type_ext == EXT_TYPE_ZDSTRING;
 }
 
-// A zeroed buffer of size bytes that begins with the value's bytes.
+// A buffer of size bytes that begins with the value's bytes and is zero behind them.
 char *widened(allocator_t *alloc, const char *data, int length, int64_t size) {
-    char *const buffer = static_cast<char *>(zd_calloc(alloc, size, unit, __LINE__));
-    if (length > 0)
-        memcpy(buffer, data, static_cast<size_t>(length));
+    char *const buffer = allocate<char>(alloc, static_cast<size_t>(size), __LINE__);
+    const size_t copied = length > 0 ? static_cast<size_t>(length) : 0;
+    if (copied > 0)
+        memcpy(buffer, data, copied);
+    memset(buffer + copied, 0, static_cast<size_t>(size) - copied);
     return buffer;
 }
 
@@ -180,19 +182,33 @@ void place(const build_form &form, epa_dlfunc_t *dlf, epa_dlfunc_param_t *param,
         raise(__LINE__, form.builder, ERROR_EPA_INVALID_PARAMETER_INFO);
 }
 
+void append_param(epa_dlfunc_t *dlf, epa_dlfunc_param_t *param, int call_method, int psm_param_mode,
+                  zd_type_t zd_type, zd_type_ext_t zd_type_ext, char *data, int data_len,
+                  int data_maxlen) {
+    param->call_method = call_method;
+    param->psm_param_mode = psm_param_mode;
+    param->zd_type = zd_type;
+    param->zd_type_ext = zd_type_ext;
+    param->data = data;
+    param->data_len = data_len;
+    param->data_maxlen = data_maxlen;
+    param->copy_data = nullptr;
+    param->copy_len = 0;
+    list_add_tail(&dlf->param_list_head, &param->link);
+}
+
 // The routine context is the first argument whatever the request's parameters are.
-void place_routine_context(epa_dlfunc_t *dlf, size_t *param_offset) {
-    epa_dlfunc_param_t *const param = epa_dlfunc_param_new(
-        dlf, EPA_CALL_BY_REFERENCE, 1, ZD_TYPE_NONE, EXT_TYPE_NONE,
-        reinterpret_cast<char *>(dlf->epa_util_ctx), sizeof(void *), sizeof(void *));
+void place_routine_context(epa_dlfunc_t *dlf, epa_dlfunc_param_t *param, size_t *param_offset) {
+    append_param(dlf, param, EPA_CALL_BY_REFERENCE, 1, ZD_TYPE_NONE, EXT_TYPE_NONE,
+                 reinterpret_cast<char *>(dlf->epa_util_ctx), sizeof(void *), sizeof(void *));
     param->copy_data = reinterpret_cast<char *>(&dlf->epa_util_ctx);
     param->copy_len = sizeof(void *);
     epa_dlfunc_setarg_integer(dlf, param, kSlotSize, param_offset);
 }
 
-void place_request_param(const build_form &form, epa_dlfunc_t *dlf, int index,
-                         const zdmsg_struct_extproc_param_t *request_param, allocator_t *buffers,
-                         size_t *param_offset) {
+void place_request_param(const build_form &form, epa_dlfunc_t *dlf, epa_dlfunc_param_t *param,
+                         int index, const zdmsg_struct_extproc_param_t *request_param,
+                         allocator_t *buffers, size_t *param_offset) {
     const int flag = request_param->flag;
     const int call_method = ep_get_call_method_in_param(flag);
     const int psm_param_mode = ep_get_psm_param_mode_in_param(flag);
@@ -209,15 +225,15 @@ void place_request_param(const build_form &form, epa_dlfunc_t *dlf, int index,
             index, call_method, psm_param_mode, zd_type, zd_type_ext, length, maxlen);
 
     char *data = request_param->data_value.data;
-    if (is_out && maxlen > length && is_sized_by_routine(zd_type_ext))
+    if (is_out && maxlen > length && maxlen > 0 && is_sized_by_routine(zd_type_ext))
         data = widened(buffers, data, length, maxlen);
     else if (form.copies_strings && is_text(zd_type_ext))
         data = widened(buffers, data, length, length > 0 ? int64_t{length} + 1 : 1);
     if (epa_log_prints_data())
         epa_log_print_value(kRequestIndent, zd_type_ext, data, length);
 
-    epa_dlfunc_param_t *const param = epa_dlfunc_param_new(
-        dlf, call_method, psm_param_mode, zd_type, zd_type_ext, data, length, maxlen);
+    append_param(dlf, param, call_method, psm_param_mode, zd_type, zd_type_ext, data, length,
+                 maxlen);
     place(form, dlf, param, param_offset);
 }
 
@@ -231,11 +247,18 @@ void place_arguments(const build_form &form, epa_dlfunc_t *dlf,
                      size_t *param_offset) {
     if (dlf->return_info.zd_type != ZD_TYPE_NONE)
         dlf->out_param_cnt += 1;
-    if (dlf->epa_util_ctx != nullptr)
-        place_routine_context(dlf, param_offset);
+    const bool with_context = dlf->epa_util_ctx != nullptr;
+    const size_t records = size_t{dlf->param_cnt} + (with_context ? 1 : 0);
+    if (records == 0)
+        return;
+    // The records of a call are one block: they come and go together.
+    epa_dlfunc_param_t *param =
+        allocate<epa_dlfunc_param_t>(dlf->alloc, records * sizeof(epa_dlfunc_param_t), __LINE__);
+    if (with_context)
+        place_routine_context(dlf, param++, param_offset);
     const int count = static_cast<int>(dlf->param_cnt);
     for (int i = 0; i < count; i++)
-        place_request_param(form, dlf, i, &request->param.data[i], buffers, param_offset);
+        place_request_param(form, dlf, param++, i, &request->param.data[i], buffers, param_offset);
 }
 
 epa_dlfunc_t *epa_get_managed_dlf(zdmsg_t *recv_msg, size_t *param_offset) {
@@ -388,16 +411,8 @@ epa_dlfunc_param_t *epa_dlfunc_param_new(epa_dlfunc_t *dlf, int call_method, int
                                          int data_len, int data_maxlen) {
     epa_dlfunc_param_t *const param =
         allocate<epa_dlfunc_param_t>(dlf->alloc, sizeof(epa_dlfunc_param_t), __LINE__);
-    param->call_method = call_method;
-    param->psm_param_mode = psm_param_mode;
-    param->zd_type = zd_type;
-    param->zd_type_ext = zd_type_ext;
-    param->data = data;
-    param->data_len = data_len;
-    param->data_maxlen = data_maxlen;
-    param->copy_data = nullptr;
-    param->copy_len = 0;
-    list_add_tail(&dlf->param_list_head, &param->link);
+    append_param(dlf, param, call_method, psm_param_mode, zd_type, zd_type_ext, data, data_len,
+                 data_maxlen);
     return param;
 }
 
