@@ -147,11 +147,11 @@ Bytes encode_number(const Parts &parts, const NativeType &type, size_t wire_size
     if (type.shape == Shape::Floating)
         return type.size == sizeof(float) ? encode_real<float>(parts, type, wire_size)
                                           : encode_real<double>(parts, type, wire_size);
-    const unsigned bits = static_cast<unsigned>(type.size) * 8;
+    const uint64_t all_ones = type.size < sizeof(uint64_t) ? (uint64_t{1} << type.size * 8) - 1
+                                                           : std::numeric_limits<uint64_t>::max();
     if (type.shape == Shape::Unsigned)
-        return encode_integer<uint64_t>(
-            parts, type, 0, std::numeric_limits<uint64_t>::max() >> (64 - bits), wire_size);
-    const int64_t high = std::numeric_limits<int64_t>::max() >> (64 - bits);
+        return encode_integer<uint64_t>(parts, type, 0, all_ones, wire_size);
+    const auto high = static_cast<int64_t>(all_ones / 2);
     return encode_integer<int64_t>(parts, type, -high - 1, high, wire_size);
 }
 
