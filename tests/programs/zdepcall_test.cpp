@@ -306,11 +306,11 @@ TEST_F(Zdepcall, TimeIsPrintedWhenAskedFor) {
 }
 
 TEST_F(Zdepcall, HomeThatIsNamedIsUsedAndKept) {
-    fs::create_directories(folder_ + "/home/client/zdepa");
-    std::ofstream(folder_ + "/home/client/zdepa/zdepa.cfg") << "LOG_LVL=3\n";
-    printed({"--home", "home", NUMBERS, "zdex_add", "int=1", "int=2"});
+    fs::create_directories(folder_ + "/agent/client/zdepa");
+    std::ofstream(folder_ + "/agent/client/zdepa/zdepa.cfg") << "LOG_LVL=3\n";
+    printed({"--home", "agent", NUMBERS, "zdex_add", "int=1", "int=2"});
     size_t logs = 0;
-    for (const auto &entry : fs::directory_iterator(folder_ + "/home/client/zdepa/backup")) {
+    for (const auto &entry : fs::directory_iterator(folder_ + "/agent/client/zdepa/backup")) {
         std::ifstream file(entry.path());
         const std::string log{std::istreambuf_iterator<char>(file), {}};
         EXPECT_THAT(log, HasSubstr("funcname : zdex_add"));
@@ -362,9 +362,9 @@ TEST_F(Zdepcall, AgentThatEndsBeforeItIsReadyHasDied) {
 }
 
 TEST_F(Zdepcall, AgentThatCannotOpenItsLogSaysSoInItsErrorFile) {
-    fs::create_directories(folder_ + "/home/client/zdepa");
-    std::ofstream(folder_ + "/home/client/zdepa/zdepa.cfg") << "LOG_DIR=/dev/null/logs\n";
-    const ProgramRun result = run({"--home", "home", NUMBERS, "zdex_add"});
+    fs::create_directories(folder_ + "/agent/client/zdepa");
+    std::ofstream(folder_ + "/agent/client/zdepa/zdepa.cfg") << "LOG_DIR=/dev/null/logs\n";
+    const ProgramRun result = run({"--home", "agent", NUMBERS, "zdex_add"});
     EXPECT_EQ(result.status, 3);
     EXPECT_THAT(result.complaints,
                 AllOf(HasSubstr("said why in ./extproc.err"), HasSubstr("Cannot open log file")));
