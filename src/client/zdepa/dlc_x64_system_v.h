@@ -26,9 +26,13 @@ typedef float (*ext_func_flo_t)(size_t, const char *, const int64_t *, const dou
 
 #ifdef __cplusplus
 
+// The empty statement hides from the compiler which function is called: knowing its declaration,
+// Clang would take every result of eight bytes from rax.
 template <class View>
 inline View dlc_view(void) {
-    return reinterpret_cast<View>(reinterpret_cast<void *>(dl_call_linux_x64));
+    void *trampoline = reinterpret_cast<void *>(dl_call_linux_x64);
+    __asm__("" : "+r"(trampoline));
+    return reinterpret_cast<View>(trampoline);
 }
 
 #endif
