@@ -249,6 +249,14 @@ TEST_F(EpaMsgReply, ResultByValueIsTheCellItself) {
     EXPECT_THAT(home_.log(), EndsWith(std::string(16 + 4, ' ') + "data : [1234605616436508552]\n"));
 }
 
+TEST_F(EpaMsgReply, ResultByValueIsTracedAsTheCellHoldsIt) {
+    // Four bytes are sent; the line shows the eight that the native type has.
+    set_return(0, ZD_TYPE_PLS_INT, EXT_TYPE_LONG);
+    ASSERT_EQ(fill(), 0);
+    EXPECT_EQ(entry(0).len, 4);
+    EXPECT_THAT(home_.log(), EndsWith(std::string(16 + 4, ' ') + "data : [1234605616436508552]\n"));
+}
+
 TEST_F(EpaMsgReply, ResultByReferenceIsWhatTheCellPointsAt) {
     const char text[] = "a text";
     const char *const pointer = text;

@@ -22,11 +22,12 @@ void write_to_server(const void *bytes, int count) {
     zd_sock_writen_ex(epa_ctx_mgr_->fd, const_cast<void *>(bytes), count, 0, 0, 0);
 }
 
-void trace_entry(int index, int call_method, zd_type_ext_t zd_type_ext, const char *data,
-                 int length) {
+// readable: the bytes at data, which may be more than the length that is sent.
+void trace_entry(int index, int call_method, zd_type_ext_t zd_type_ext, int length,
+                 const char *data, int readable) {
     EPA_LOG(unit, LOG_LVL_TRACE, kReplyTrace, index, call_method, zd_type_ext, length);
     if (epa_log_prints_data())
-        epa_log_print_value(kReplyIndent, zd_type_ext, data, length);
+        epa_log_print_value(kReplyIndent, zd_type_ext, data, readable);
 }
 
 void set_entry(zdmsg_struct_extproc_reply_param_t *entry, char *data, int length) {
@@ -77,14 +78,17 @@ void set_return_entry(const epa_return_info_t *info, void *ret,
                       zdmsg_struct_extproc_reply_param_t *entry) {
     char *data = static_cast<char *>(ret);
     int length;
+    int readable;
     if (info->call_method == EPA_CALL_BY_REFERENCE) {
         memcpy(&data, ret, sizeof data);
         length = length_of_returned_reference(info->zd_type_ext, data);
+        readable = length;
     } else {
         length = get_zd_type_size(info->zd_type);
+        readable = sizeof(int64_t); // the whole cell
     }
     set_entry(entry, data, length);
-    trace_entry(0, info->call_method, info->zd_type_ext, data, length);
+    trace_entry(0, info->call_method, info->zd_type_ext, length, data, readable);
 }
 
 // The length of what the routine left behind an OUT parameter. The kinds whose length the routine
@@ -120,7 +124,7 @@ void set_out_entry(int index, const epa_dlfunc_param_t *param,
                    zdmsg_struct_extproc_reply_param_t *entry) {
     const int length = length_of_out_param(param);
     set_entry(entry, param->data, length);
-    trace_entry(index, param->call_method, static_cast<zd_type_ext_t>(param->zd_type_ext),
+    trace_entry(index, param->call_method, static_cast<zd_type_ext_t>(param->zd_type_ext), length,
                 param->data, length);
 }
 
