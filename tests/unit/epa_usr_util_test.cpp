@@ -1,6 +1,7 @@
 #include "client/zdepa/epa_usr_util.h"
 
 #include <limits.h>
+#include <signal.h>
 
 #include <gmock/gmock.h>
 
@@ -73,6 +74,37 @@ TEST_F(EpaUsrUtil, MemoryThatCannotBeHadIsThrownWithoutAnErrorOnTheStack) {
             << size;
         EXPECT_EQ(stack_.count, 0);
     }
+}
+
+// An allocator that never has memory; what its throw operation does is the test's.
+class EpaUsrUtilExhausted : public testing::Test {
+  protected:
+    void set_throw(void (*func_throw)(allocator_t *)) {
+        operations_.func_malloc = [](allocator_t *, int64_t, const char *, int) -> void * {
+            return nullptr;
+        };
+        operations_.func_throw = func_throw;
+        allocator_.desc = &operations_;
+        context_.alloc = &allocator_;
+    }
+
+    allocator_desc_t operations_ = {};
+    allocator_t allocator_ = {};
+    epa_util_context_t context_ = {};
+};
+
+TEST_F(EpaUsrUtilExhausted, ThrowThatReturnsMeansNoMemory) {
+    set_throw([](allocator_t *) {});
+    EXPECT_EQ(SQLExtProcDirectAllocMemory(&context_, 8), nullptr);
+}
+
+using EpaUsrUtilExhaustedDeathTest = EpaUsrUtilExhausted;
+
+TEST_F(EpaUsrUtilExhaustedDeathTest, AllocatorThatCannotThrowFailsAnAssertion) {
+    set_throw(nullptr);
+    EXPECT_EXIT(SQLExtProcDirectAllocMemory(&context_, 8), testing::KilledBySignal(SIGABRT),
+                "epa_usr_util:[0-9]+: Assertion fail with condition "
+                "'alloc->desc->func_throw != NULL'");
 }
 
 // --- errors --------------------------------------------------------------------------------------

@@ -1,5 +1,6 @@
 #include "client/zdepa/epa_usr_util.h"
 
+#include "client/common/client_assert.h"
 #include "client/common/client_try.h"
 #include "common/ec.h"
 #include "common/zd_err.h"
@@ -34,8 +35,10 @@ void *SQLExtProcDirectAllocMemory(ExtProcContext *epaCtx, size_t size) {
     void *memory = nullptr;
     if (size <= INT64_MAX)
         memory = alloc->desc->func_malloc(alloc, static_cast<int64_t>(size), unit, __LINE__);
-    if (memory == nullptr)
+    if (memory == nullptr) {
+        ZD_ASSERT(unit, alloc->desc->func_throw != NULL);
         alloc->desc->func_throw(alloc);
+    }
     return memory;
 }
 
