@@ -1,5 +1,7 @@
 #include "client/common/client_try.h"
 
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -65,6 +67,53 @@ TEST(ClientTry, FramesOfOneThreadAreUnknownToAnother) {
               }),
               0);
     EXPECT_EQ(seen, nullptr);
+}
+
+// A frame as a program in C opens it, without client_try. What body throws, or 0.
+__attribute__((noinline)) ec_t in_a_frame_by_hand(void (*body)()) {
+    pthread_once(&client_try_jmpbuf_once_, client_try_init);
+    void *const enclosing = pthread_getspecific(client_try_jmpbuf_key_);
+    jmp_buf frame;
+    pthread_setspecific(client_try_jmpbuf_key_, &frame);
+    const ec_t ec = setjmp(frame);
+    if (ec == 0)
+        body();
+    pthread_setspecific(client_try_jmpbuf_key_, enclosing);
+    return ec;
+}
+
+TEST(ClientTry, FrameByHandIsAFrameLikeAnyOther) {
+    EXPECT_EQ(in_a_frame_by_hand([] { raise(kInvalidProtocol); }), kInvalidProtocol);
+    EXPECT_EQ(in_a_frame_by_hand([] { EXPECT_EQ(client_try([] { raise(kFail); }), kFail); }), 0);
+    EXPECT_EQ(client_try([] {
+                  EXPECT_EQ(in_a_frame_by_hand([] { raise(kFail); }), kFail);
+                  raise(kInvalidProtocol);
+              }),
+              kInvalidProtocol);
+    EXPECT_EQ(pthread_getspecific(client_try_jmpbuf_key_), nullptr);
+}
+
+// Ends the process with status 0 when the throw lands in the frame.
+[[noreturn]] void throw_into_a_frame_over_a_key_by_hand() {
+    client_try_init();
+    jmp_buf frame;
+    pthread_setspecific(client_try_jmpbuf_key_, &frame);
+    const ec_t ec = setjmp(frame);
+    if (ec == 0)
+        raise(kFail);
+    _exit(ec == kFail ? 0 : 1);
+}
+
+TEST(ClientTryDeathTest, ThrowDoesNotReplaceAKeyThatWasMadeWithoutTheOnce) {
+    // In a process of its own, where the once has not run.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(throw_into_a_frame_over_a_key_by_hand(), testing::ExitedWithCode(0), "^$");
+}
+
+TEST(ClientTryDeathTest, ThrowBeforeAnyFrameOfTheProcessIsAnAssertion) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(raise(kFail), testing::KilledBySignal(SIGABRT),
+                "client_try:111: Assertion fail with condition 'jmpbuf != NULL' ");
 }
 
 TEST(ClientTryDeathTest, ThrowOutsideEveryFrameIsAnAssertion) {

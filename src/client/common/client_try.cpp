@@ -5,7 +5,10 @@
 
 #include "client/common/client_assert.h"
 
-pthread_key_t client_try_jmpbuf_key_;
+// What the key is before it is made: no key of the system's, whose keys are small numbers.
+static constexpr pthread_key_t kNoKey = ~pthread_key_t{0};
+
+pthread_key_t client_try_jmpbuf_key_ = kNoKey;
 pthread_once_t client_try_jmpbuf_once_ = PTHREAD_ONCE_INIT;
 
 void client_try_init(void) {
@@ -17,9 +20,11 @@ void client_try_init(void) {
 }
 
 void zd_err_and_jmp(const char *, int, const char *, uchar, uchar, ec_t ec, ...) {
-    // A thread that throws before any frame was opened finds an empty slot, not an unmade key.
-    pthread_once(&client_try_jmpbuf_once_, client_try_init);
-    jmp_buf *const jmpbuf = static_cast<jmp_buf *>(pthread_getspecific(client_try_jmpbuf_key_));
+    // A thread may throw before any frame was opened. Making the key is not the throw's affair: it
+    // would replace one that a caller made without the once.
+    void *const slot =
+        client_try_jmpbuf_key_ == kNoKey ? nullptr : pthread_getspecific(client_try_jmpbuf_key_);
+    jmp_buf *const jmpbuf = static_cast<jmp_buf *>(slot);
     ZD_ASSERT_AT("client_try", 111, jmpbuf != NULL);
     longjmp(*jmpbuf, ec);
 }
