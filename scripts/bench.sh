@@ -14,7 +14,8 @@ usage: scripts/bench.sh [--quick] [QUESTION...]
   --endurance   100,000 calls through one agent, then failing ones: resident memory and open
                 descriptors along the way, no peers
 
-An idle machine gives the best figures; a ratio holds on a busy one too, within some per cent.
+Run as root, the measured programs go ahead of all others on one processor, so that the figures
+hold on a busy machine too, within some per cent; otherwise the machine should be idle.
 Exit status: 0 every required ratio is kept, 1 one is missed or a step failed, 2 wrong usage.
 END
 }
