@@ -127,6 +127,21 @@ TEST_F(EpaProcessRequest, SuccessfulRequestsLeaveTheMemoryAsItWas) {
     EXPECT_EQ(region_alloc_check(epa_ctx_mgr_->alloc, nullptr), 0);
 }
 
+TEST_F(EpaProcessRequest, RefusedRequestsLeaveTheMemoryAsItWas) {
+    // Two rows in an array, decoded before the type is looked at.
+    const std::string body = std::string(8, 'p') + agent_test::big_endian(0) +
+                             agent_test::big_endian(0) + agent_test::big_endian(2) +
+                             std::string("\0\0\0\0\1x\0\0", 8) + std::string("\0\0\0\0\1y\0\0", 8);
+    const auto *const root = reinterpret_cast<const CLI_alloc_t *>(epa_ctx_mgr_->alloc);
+    const uint64_t used = root->total_used;
+    for (const int type : {5, 278, -2}) {
+        send(agent_test::message(type, body) + end_of_service());
+        epa_process_request();
+        EXPECT_EQ(receive().code(), ERROR_EPA_INVALID_PROTOCOL);
+        EXPECT_EQ(root->total_used, used) << type;
+    }
+}
+
 using EpaProcessRequestDeathTest = EpaProcessRequest;
 
 TEST_F(EpaProcessRequestDeathTest, EndOfTheStreamEndsTheProcessInOrder) {
@@ -230,7 +245,7 @@ TEST_F(EpaProcessRequestDir, EnclosingFrameIsInnermostAgainAfterwards) {
 }
 
 TEST_F(EpaProcessRequestDir, ThreadsServeSideBySide) {
-    const auto serve_many = [this] {
+    const auto serve_many = [] {
         epa_init_dir();
         allocator_t *const caller = real_sys_region_allocator_new(&_system_allocator, "test", 1);
         for (int i = 0; i < 200; i++) {

@@ -9,6 +9,7 @@
 #include "common/ec.h"
 #include "common/zd_err.h"
 #include "common/zd_err_info.h"
+#include "common/zdmsg/zdmsg.h"
 
 namespace {
 
@@ -32,14 +33,22 @@ void log_raised(ec_t ec) {
     zd_push_and_throw(epa_ctx_mgr_->errstack, unit, __LINE__, function, ERROR_EPA_INVALID_PROTOCOL);
 }
 
+// Gives back what was decoded of a request that is not served.
+void release_decoded(zdmsg_t *msg) {
+    if (msg->type >= 0 && msg->type < ZDMSG_TYPE_CNT)
+        zdmsg_free(epa_ctx_mgr_->alloc, msg);
+}
+
 void serve_until_end(void) {
     for (;;) {
         const int type = epa_msg_recv();
         if (type == kEndOfService)
             return;
         log_request(type);
-        if (type != ZDMSG_EXTPROC_EXECUTE)
+        if (type != ZDMSG_EXTPROC_EXECUTE) {
+            release_decoded(epa_ctx_mgr_->msg);
             refuse_request("epa_process_request");
+        }
         epa_dl_execute();
     }
 }
