@@ -20,7 +20,9 @@ SCRIPT_LISTS = ("CMakeLists.txt",)  # the .txt files that are sources all the sa
 
 # The pieces keep this file from finding itself.
 OPEN_NOTE = re.compile(r"\b(?:" + "|".join(("TO" "DO", "FIX" "ME", "XX" "X")) + r")\b")
-HOME_PATH = re.compile(r"(?<![\w.$}/-])/(?:home|root|work|Users)/\w")
+# Not the tail of a path, as in $HOME/work/x or folder + "/home/x".
+HOME_PATH = re.compile(r"(?<![\w.$}/-])(?<!\+ \")/(?:home|root|work|Users)/\w")
+HERE_DOCUMENT = re.compile(r"(?<!<)<<-?'?(\w+)'?")
 
 
 def tracked_files(root):
@@ -42,6 +44,19 @@ def own_paths(root):
     real = os.path.realpath(root)
     around = os.path.dirname(real)
     return [path for path in (real, around) if path.count("/") >= 2]
+
+
+def wide_lines_allowed(name, lines):
+    """The numbers of lines that are text inside a script's here-documents."""
+    allowed, end = set(), None
+    for number, line in enumerate(lines, 1):
+        if end is not None:
+            allowed.add(number)
+            end = None if line.strip() == end else end
+        elif name.endswith(".sh"):
+            opened = HERE_DOCUMENT.search(line)
+            end = opened.group(1) if opened else None
+    return allowed
 
 
 def findings_in_line(line, is_source, is_data, machine_paths):
@@ -73,8 +88,11 @@ def findings_in_file(root, name, machine_paths):
     is_list = os.path.basename(name) in SCRIPT_LISTS
     is_source = bool(SOURCE.search(name))
     is_data = bool(DATA.search(name)) and not is_list
-    for number, line in enumerate(text.split("\n"), 1):
-        for finding in findings_in_line(line, is_source, is_data, machine_paths):
+    lines = text.split("\n")
+    wide = wide_lines_allowed(name, lines)
+    for number, line in enumerate(lines, 1):
+        bounded = is_source and number not in wide
+        for finding in findings_in_line(line, bounded, is_data, machine_paths):
             yield number, finding
     if text and not text.endswith("\n") and not is_data:
         yield text.count("\n") + 1, "no newline at the end"

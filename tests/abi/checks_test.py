@@ -148,6 +148,9 @@ class Words(WithFolder):
     def test_home_path_is_found(self):
         self.assert_found("a.md", "see /ho" + "me/someone/notes\n", "a.md:1: a path of one machine")
 
+    def test_tail_of_a_path_is_no_home_path(self):
+        self.assertEqual(self.check("a.cpp", 'folder + "/ho' + 'me/client"\n').returncode, 0)
+
     def test_path_of_this_checkout_is_found(self):
         path = os.path.realpath(self.folder) + "/build\n"
         self.assert_found("a.txt", path, "a path of one machine")
@@ -169,6 +172,11 @@ class Words(WithFolder):
 
     def test_long_source_line_is_found(self):
         self.assert_found("CMakeLists.txt", "#" + "x" * 100 + "\n", "101 columns")
+
+    def test_long_line_of_a_here_document_passes(self):
+        text = "cat <<'END'\n" + "x" * 200 + "\nEND\n"
+        self.assertEqual(self.check("a.sh", text).returncode, 0)
+        self.assert_found("b.sh", text + "y" * 101 + "\n", "b.sh:4: 101 columns")
 
     def test_long_line_of_data_passes(self):
         self.assertEqual(self.check("a.txt", "x" * 200 + "\n").returncode, 0)
