@@ -14,6 +14,10 @@ dpkg-deb -x "$runtime" "$work/unpacked"
 [[ -L $(echo "$work"/unpacked/usr/lib/*/libzdepl.so.1) ]]
 [[ -f $work/unpacked/usr/lib/systemd/system/zdepa.socket ]]
 [[ -f $work/unpacked/etc/default/zdepa ]]
+if readelf -dW "$work/unpacked/usr/bin/zdepa" | grep -E 'RPATH|RUNPATH' >&2; then
+    echo "a packaged program carries a search path" >&2
+    exit 1
+fi
 if [[ -e $work/unpacked/usr/include ]]; then
     echo "the runtime package holds headers" >&2
     exit 1
