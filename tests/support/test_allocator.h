@@ -25,6 +25,9 @@ class TestAllocator {
     allocator_t *get() { return &head_; }
     int live_blocks() const { return live_blocks_; }
     int64_t last_size() const { return last_size_; }
+    // Of the call that last gave or took back a block.
+    const char *last_file() const { return last_file_; }
+    int last_line() const { return last_line_; }
     void refuse(bool refuse) { refuse_ = refuse; }
 
   private:
@@ -32,8 +35,14 @@ class TestAllocator {
         return reinterpret_cast<TestAllocator *>(alloc);
     }
 
-    static void *allocate(allocator_t *alloc, int64_t bytes, const char *, int) {
+    void saw(const char *file, int line) {
+        last_file_ = file;
+        last_line_ = line;
+    }
+
+    static void *allocate(allocator_t *alloc, int64_t bytes, const char *file, int line) {
         TestAllocator *const self = of(alloc);
+        self->saw(file, line);
         if (self->refuse_)
             return nullptr;
         self->live_blocks_++;
@@ -47,7 +56,8 @@ class TestAllocator {
     static void *resize(allocator_t *alloc, void *ptr, int64_t bytes, const char *, int) {
         return of(alloc)->refuse_ ? nullptr : realloc(ptr, static_cast<size_t>(bytes));
     }
-    static void release(allocator_t *alloc, void *ptr, const char *, int) {
+    static void release(allocator_t *alloc, void *ptr, const char *file, int line) {
+        of(alloc)->saw(file, line);
         of(alloc)->live_blocks_--;
         free(ptr);
     }
@@ -61,6 +71,8 @@ class TestAllocator {
     allocator_t head_ = {}; // first: what the operations get is where the object is
     int live_blocks_ = 0;
     int64_t last_size_ = 0;
+    const char *last_file_ = nullptr;
+    int last_line_ = 0;
     bool refuse_ = false;
 };
 

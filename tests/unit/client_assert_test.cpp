@@ -52,6 +52,40 @@ TEST(ClientAssert, DetailWithoutValuesIsTheConditionAlone) {
               "unit:9:fn: Assert failed: c (0 args)\n");
 }
 
+TEST(ClientAssert, DetailPrintsNoMoreValuesThanItsCount) {
+    EXPECT_EQ(stderr_of([] {
+                  zd_assert_msg_detail("c", 1, "unit", 9, "fn", "first", 4, 5, "second", 4, 6);
+              }),
+              "unit:9:fn: Assert failed: c (1 args)\n\tfirst = 5 = 5 = 0x5\n");
+}
+
+TEST(ClientAssert, DetailOfAByteShowsNoMoreThanTheByte) {
+    EXPECT_EQ(
+        stderr_of([] { zd_assert_msg_detail("c", 1, "unit", 9, "fn", "byte", 1, 'z' - 0x100); }),
+        "unit:9:fn: Assert failed: c (1 args)\n\tbyte = 'z' = 0x7a\n");
+}
+
+// Behind its last report the process ends without another word to its streams.
+[[noreturn]] void report_through_a_buffer(void (*report)()) {
+    static char buffer[4096];
+    setvbuf(stderr, buffer, _IOFBF, sizeof buffer);
+    report();
+    _exit(0);
+}
+
+TEST(ClientAssertDeathTest, ReportsAreOutWhenTheCallReturns) {
+    EXPECT_EXIT(report_through_a_buffer([] { zd_assert_msg("c", "unit", 7); }),
+                testing::ExitedWithCode(0), "^unit:7: Assertion fail with condition 'c' ");
+    EXPECT_EXIT(report_through_a_buffer([] { zd_assert_msg_detail("c", 0, "unit", 9, "fn"); }),
+                testing::ExitedWithCode(0), "^unit:9:fn: Assert failed: c \\(0 args\\)\n$");
+    EXPECT_EXIT(report_through_a_buffer([] {
+                    static char bytes[ZDMSG_HDR_SIZE] = {};
+                    const zdmsg_t msg = {bytes + ZDMSG_HDR_SIZE, 0, 0, 139, 0, 0};
+                    zd_asserted_zdmsg_dump(&msg);
+                }),
+                testing::ExitedWithCode(0), "^\\[ZDMSG Dump\\]\n(.*\n)*\\[raw msg body\\]\n\n$");
+}
+
 TEST(ClientAssert, DetailOfErrnoCarriesItsText) {
     EXPECT_EQ(stderr_of([] {
                   errno = ENOENT;

@@ -123,6 +123,18 @@ TEST_F(ErrInst, ExhaustionIsTheAllocatorsThrow) {
     alloc_.refuse(false);
 }
 
+TEST_F(ErrInst, InstancesComeAndGoUnderTheUnitsName) {
+    zd_err_inst_t *const errinst = make(-1);
+    EXPECT_STREQ(alloc_.last_file(), "zd_err_inst");
+    EXPECT_GT(alloc_.last_line(), 0);
+    zd_err_inst_t *const twin = zd_err_inst_duplicate(alloc_.get(), errinst);
+    EXPECT_STREQ(alloc_.last_file(), "zd_err_inst");
+    void *const other = zd_malloc(alloc_.get(), 8, "other", 1);
+    zd_err_inst_destroy(twin, alloc_.get());
+    EXPECT_STREQ(alloc_.last_file(), "zd_err_inst");
+    zd_free(alloc_.get(), other, "other", 1);
+}
+
 TEST_F(ErrInst, CopyIsEverythingButTheLink) {
     zd_err_inst_t *const source = make(-15086, "copied", zd_get_err_info(-15086));
     source->id = 7;

@@ -105,6 +105,15 @@ TEST_F(ErrStack, ClearDestroysAllAndKeepsTheNumbering) {
     EXPECT_EQ(stack_.id_next, 2);
 }
 
+TEST_F(ErrStack, ClearLeavesNoCountHoweverWrongItWas) {
+    push(-140002);
+    stack_.count = 5;
+    stack_.usrcount = 7;
+    zd_err_stack_clear(&stack_);
+    EXPECT_EQ(stack_.count, 0);
+    EXPECT_EQ(stack_.usrcount, 0);
+}
+
 TEST_F(ErrStack, ClearToAnIdUndoesWhatWasPushedSince) {
     push(-140002);
     push(-502128);
@@ -340,6 +349,15 @@ TEST_F(ErrStackWire, RecordsGoFromTheTopDownInNetworkByteOrder) {
                                   .record(2, 0, -140002, '1', "ERREP", "first"));
 }
 
+TEST_F(ErrStackWire, BytesAreAllocatedUnderTheUnitsName) {
+    void *buf;
+    unsigned int len;
+    zd_err_stack_serialize(&stack_, 0, alloc_.get(), &buf, &len);
+    EXPECT_STREQ(alloc_.last_file(), "zd_err_stack");
+    EXPECT_GT(alloc_.last_line(), 0);
+    zd_free(alloc_.get(), buf, "test", 0);
+}
+
 TEST_F(ErrStackWire, ThreeErrorsMakeTwoThousandEightHundredTwentyFourBytes) {
     push(-140002);
     push(-140002);
@@ -369,6 +387,19 @@ TEST_F(ErrStackWire, ExhaustionIsTheAllocatorsThrow) {
     EXPECT_EQ(client_try([&] { zd_err_stack_serialize(&stack_, 0, alloc_.get(), &buf, &len); }),
               -3003);
     alloc_.refuse(false);
+}
+
+TEST_F(ErrStackWire, WhatTheStackHeldBeforeIsNotLookedAt) {
+    memset(&stack_, 0x5a, sizeof stack_);
+    const Wire wire = Wire(1, 4, 1, 1).record(0, 0, -140002, '1', "ERREP", "message");
+    zd_err_stack_deserialize(wire.bytes().data(), 952, alloc_.get(), 0, &stack_);
+    EXPECT_EQ(stack_.alloc, alloc_.get());
+    EXPECT_EQ(stack_.count, 1);
+    EXPECT_EQ(stack_.usrcount, 1);
+    ASSERT_NE(stack_.top, nullptr);
+    EXPECT_EQ(stack_.top->next, nullptr);
+    EXPECT_EQ(stack_.top->id, 4);
+    EXPECT_EQ(stack_.id_next, 5);
 }
 
 TEST_F(ErrStackWire, SendersTopEndsOnTop) {
