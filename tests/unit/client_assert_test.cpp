@@ -3,6 +3,8 @@
 #include <errno.h>
 #include <pthread.h>
 #include <sys/mman.h>
+#include <sys/time.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -101,6 +103,31 @@ std::string dump_without_time(const zdmsg_t &msg) {
     const size_t end = text.find('\n', start);
     EXPECT_EQ(end - start, std::string("created at 2024/01/02 03:04:05.000006").size()) << text;
     return text.erase(start, end - start);
+}
+
+// The local time with its microseconds, as the dump writes it.
+std::string created_at(const timeval &time) {
+    tm local;
+    localtime_r(&time.tv_sec, &local);
+    char text[64];
+    const size_t length = strftime(text, sizeof text, "created at %Y/%m/%d %H:%M:%S", &local);
+    snprintf(text + length, sizeof text - length, ".%06ld", time.tv_usec);
+    return text;
+}
+
+TEST(ClientAssert, MessageDumpTellsTheLocalTime) {
+    char bytes[ZDMSG_HDR_SIZE] = {};
+    const zdmsg_t msg = {bytes + ZDMSG_HDR_SIZE, 0, 0, 139, 0, 0};
+    timeval before;
+    timeval after;
+    gettimeofday(&before, nullptr);
+    const std::string dump = stderr_of([&] { zd_asserted_zdmsg_dump(&msg); });
+    gettimeofday(&after, nullptr);
+    const size_t start = dump.find("created at ");
+    ASSERT_NE(start, std::string::npos) << dump;
+    const std::string line = dump.substr(start, dump.find('\n', start) - start);
+    EXPECT_GE(line, created_at(before));
+    EXPECT_LE(line, created_at(after));
 }
 
 TEST(ClientAssert, MessageDumpBreaksTheBodyAfterThirtySixBytes) {
