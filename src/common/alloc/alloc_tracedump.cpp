@@ -16,8 +16,8 @@ const char *base_name(const char *file) {
     return slash == nullptr ? file : slash + 1;
 }
 
-// The first chunk of a FIXED allocator's buffer holds the allocator's record and nothing else. Where
-// the record has its operations, a block has its size, which is never that large.
+// The first chunk of a FIXED allocator's buffer holds the allocator's record and nothing else.
+// Where the record has its operations, a block has its size, which is never that large.
 bool holds_record(const chunk_t *chunk) {
     return reinterpret_cast<const allocator_t *>(&chunk->fd)->desc == &region_allocator_desc;
 }
