@@ -6,6 +6,8 @@
 #ifndef ALLOC_MUTEX_H
 #define ALLOC_MUTEX_H
 
+#ifdef __cplusplus
+
 #include <pthread.h>
 #include <sys/single_threaded.h>
 
@@ -31,5 +33,7 @@ inline void alloc_mutex_unlock(pthread_mutex_t *mutex, mutex_hold_t hold) {
         pthread_mutex_unlock(mutex);
     }
 }
+
+#endif
 
 #endif
