@@ -18,6 +18,8 @@
 
 namespace zdepcall {
 
+using namespace programs;
+
 struct AgentOptions {
     std::string program; // of the agent host; empty: the one beside this program, else in PATH
     bool in_process = false;

@@ -18,6 +18,8 @@
 
 namespace zdepcall {
 
+using namespace programs;
+
 enum class Mode : uint8_t { In = 1, Out = 2, InOut = 3 };
 
 struct Argument {

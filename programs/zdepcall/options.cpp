@@ -1,11 +1,11 @@
 #include "options.h"
 
-#include <getopt.h>
-
 #include <charconv>
 #include <cmath>
 #include <cstring>
 #include <vector>
+
+#include "option_reader.h"
 
 namespace zdepcall {
 
@@ -65,7 +65,7 @@ died: standard error says how.
 namespace {
 
 enum LongOption {
-    RETURNS = 256,
+    RETURNS = OptionReader::FIRST_LONG,
     CONTEXT,
     AGENT,
     IN_PROCESS,
@@ -117,16 +117,6 @@ size_t parse_repeat(const char *text) {
     return count;
 }
 
-// What getopt does not say by itself. word is what it stumbled over.
-[[noreturn]] void fail_option(int complaint, const std::string &word) {
-    const std::string name = word.substr(0, word.find('='));
-    if (complaint == ':')
-        throw UsageError(name + ": needs a value (try 'zdepcall --help')");
-    if (word.starts_with("--") && optopt >= RETURNS)
-        throw UsageError(name + ": takes no value (try 'zdepcall --help')");
-    throw UsageError(word + ": unknown option (try 'zdepcall --help')");
-}
-
 void check_combination(const Options &options, const std::vector<std::string> &call_words) {
     if (options.agent.in_process && !options.agent.program.empty())
         throw UsageError("--in-process and --agent: both name who serves the call (give one)");
@@ -145,41 +135,35 @@ void check_combination(const Options &options, const std::vector<std::string> &c
 Options parse_options(int argc, char **argv) {
     Options options;
     std::vector<std::string> call_words;
-    opterr = 0;
-    optind = 0; // starts over, whatever was parsed before
-    for (;;) {
-        const std::string word = optind < argc && optind > 0 ? argv[optind] : argv[1] ?: "";
-        // "-" keeps the order: a word that is no option comes back as option 1.
-        const int found = getopt_long(argc, argv, "-:", long_options, nullptr);
-        if (found == -1)
-            break;
+    OptionReader reader(argc, argv, "", long_options, "try 'zdepcall --help'");
+    for (int found = reader.next(); found != OptionReader::END; found = reader.next()) {
         switch (found) {
-        case 1:
-            call_words.emplace_back(optarg);
+        case OptionReader::OPERAND:
+            call_words.emplace_back(reader.value());
             break;
         case RETURNS:
-            call_words.insert(call_words.end(), {"--returns", optarg});
+            call_words.insert(call_words.end(), {"--returns", reader.value()});
             break;
         case CONTEXT:
             call_words.emplace_back("--context");
             break;
         case AGENT:
-            options.agent.program = optarg;
+            options.agent.program = reader.value();
             break;
         case IN_PROCESS:
             options.agent.in_process = true;
             break;
         case HOME:
-            options.agent.home = optarg;
+            options.agent.home = reader.value();
             break;
         case TIMEOUT:
-            options.agent.timeout = parse_timeout(optarg);
+            options.agent.timeout = parse_timeout(reader.value());
             break;
         case SCRIPT:
-            options.script = optarg;
+            options.script = reader.value();
             break;
         case REPEAT:
-            options.repeat = parse_repeat(optarg);
+            options.repeat = parse_repeat(reader.value());
             break;
         case ECHO_LINES:
             options.echo = true;
@@ -199,11 +183,8 @@ Options parse_options(int argc, char **argv) {
         case HELP:
             options.action = Options::Action::ShowHelp;
             return options;
-        default:
-            fail_option(found, word);
         }
     }
-    call_words.insert(call_words.end(), argv + optind, argv + argc); // after "--"
     check_combination(options, call_words);
     if (!options.script)
         options.call = parse_call(call_words);

@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 
+#include "text_format.h"
 #include "value_format.h"
 
 namespace zdepcall {
@@ -17,47 +18,47 @@ __attribute__((format(printf, 1, 2))) std::string formatted(const char *format, 
     return buffer;
 }
 
-std::string json_member(const char *name, const std::string &value) {
-    return json_string(name) + ":" + value;
-}
-
-std::string json_typed_value(const NativeType &type, const Bytes &value) {
-    return json_member("type", json_string(type.name)) + "," +
-           json_member("value", json_value(type, value)) + "," +
-           json_member("hex", json_string(to_hex(value)));
+void add_typed_value(JsonObject &object, const NativeType &type, const Bytes &value) {
+    object.text("type", type.name)
+        .member("value", json_value(type, value))
+        .text("hex", to_hex(value));
 }
 
 std::string json_error(const ErrorEntry &error) {
-    return "{" + json_member("code", std::to_string(error.code)) + "," +
-           json_member("name", json_string(error.name)) + "," +
-           json_member("sqlstate", json_string(error.sqlstate)) + "," +
-           json_member("text", json_string(error.text)) + "," +
-           json_member("file", json_string(error.file)) + "," +
-           json_member("line", std::to_string(error.line)) + "," +
-           json_member("function", json_string(error.function)) + "}";
+    return JsonObject()
+        .member("code", std::to_string(error.code))
+        .text("name", error.name)
+        .text("sqlstate", error.sqlstate)
+        .text("text", error.text)
+        .text("file", error.file)
+        .member("line", std::to_string(error.line))
+        .text("function", error.function)
+        .str();
 }
 
-std::string json_reply(const Call &call, const Reply &reply) {
-    std::string outputs;
-    std::string text = "," + json_member("status", reply.is_error ? "\"error\"" : "\"ok\"");
+void add_reply(JsonObject &object, const Call &call, const Reply &reply) {
+    object.text("status", reply.is_error ? "error" : "ok");
     size_t at = 0;
-    if (call.returns.type != nullptr && !reply.is_error)
-        text +=
-            "," + json_member("return",
-                              "{" + json_typed_value(*call.returns.type, reply.values[at++]) + "}");
+    if (call.returns.type != nullptr && !reply.is_error) {
+        JsonObject returned;
+        add_typed_value(returned, *call.returns.type, reply.values[at++]);
+        object.member("return", returned.str());
+    }
+    std::vector<std::string> outputs;
     for (size_t number = 1; number <= call.arguments.size() && !reply.is_error; number++) {
         const Argument &argument = call.arguments[number - 1];
-        if (argument.is_output())
-            outputs += (outputs.empty() ? "{" : ",{") +
-                       json_member("argument", std::to_string(number)) + "," +
-                       json_typed_value(*argument.type, reply.values[at++]) + "}";
+        if (!argument.is_output())
+            continue;
+        JsonObject output;
+        output.member("argument", std::to_string(number));
+        add_typed_value(output, *argument.type, reply.values[at++]);
+        outputs.push_back(output.str());
     }
-    text += "," + json_member("outputs", "[" + outputs + "]");
-    std::string errors;
+    object.member("outputs", json_array(outputs));
+    std::vector<std::string> errors;
     for (const ErrorEntry &error : reply.errors)
-        errors += (errors.empty() ? "" : ",") + json_error(error);
-    text += "," + json_member("errors", "[" + errors + "]");
-    return text + "," + json_member("dbms_output", json_string(reply.dbms_output));
+        errors.push_back(json_error(error));
+    object.member("errors", json_array(errors)).text("dbms_output", reply.dbms_output);
 }
 
 } // namespace
@@ -92,24 +93,22 @@ std::string format_summary(const Summary &summary) {
 
 std::string json_report(const Call &call, const Reply *reply, const std::string &death,
                         double microseconds, const std::optional<Summary> &summary) {
-    std::string text = "{" + json_member("library", json_string(call.library)) + "," +
-                       json_member("function", json_string(call.function));
+    JsonObject object;
+    object.text("library", call.library).text("function", call.function);
     if (reply == nullptr)
-        return text + "," + json_member("status", "\"died\"") + "," +
-               json_member("reason", json_string(death)) + "}";
-    text += json_reply(call, *reply);
-    text += "," + json_member("microseconds", formatted("%.1f", microseconds));
-    if (summary) {
-        text += "," + json_member("repeat",
-                                  "{" + json_member("calls", std::to_string(summary->calls)) + "," +
-                                      json_member("p50", formatted("%.1f", summary->p50)) + "," +
-                                      json_member("p99", formatted("%.1f", summary->p99)) + "," +
-                                      json_member("max", formatted("%.1f", summary->max)) + "," +
-                                      json_member("calls_per_second",
-                                                  formatted("%.0f", summary->calls_per_second)) +
-                                      "}");
-    }
-    return text + "}";
+        return object.text("status", "died").text("reason", death).str();
+    add_reply(object, call, *reply);
+    object.member("microseconds", formatted("%.1f", microseconds));
+    if (summary)
+        object.member("repeat",
+                      JsonObject()
+                          .member("calls", std::to_string(summary->calls))
+                          .member("p50", formatted("%.1f", summary->p50))
+                          .member("p99", formatted("%.1f", summary->p99))
+                          .member("max", formatted("%.1f", summary->max))
+                          .member("calls_per_second", formatted("%.0f", summary->calls_per_second))
+                          .str());
+    return object.str();
 }
 
 } // namespace zdepcall

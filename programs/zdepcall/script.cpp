@@ -4,6 +4,8 @@
 
 namespace zdepcall {
 
+using namespace programs;
+
 namespace {
 
 class Splitter {

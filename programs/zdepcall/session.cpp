@@ -9,6 +9,7 @@
 
 #include "report.h"
 #include "script.h"
+#include "text_format.h"
 #include "trace.h"
 #include "value_format.h"
 

@@ -7,6 +7,7 @@
 #include "common/zdmsg/zdmsg_meta_gen.h"
 #include "native_type.h"
 #include "reply.h"
+#include "text_format.h"
 #include "value_format.h"
 #include "wire_reader.h"
 

@@ -9,6 +9,8 @@
 
 namespace zdepcall {
 
+using namespace programs;
+
 // Prints a request or a reply, its header included. title heads it. What cannot be read as the
 // message says so and is shown without field names.
 void trace_message(FILE *stream, const char *title, ByteView message);

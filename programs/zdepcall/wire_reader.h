@@ -12,6 +12,8 @@
 
 namespace zdepcall {
 
+using namespace programs;
+
 struct MalformedMessage : std::runtime_error {
     using std::runtime_error::runtime_error;
 };

@@ -7,10 +7,10 @@
 
 namespace {
 
+using programs::UsageError;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using zdepcall::split_words;
-using zdepcall::UsageError;
 
 TEST(ZdepcallScript, BlanksAndTabsSeparateWords) {
     EXPECT_THAT(split_words("  lib.so\tadd  int=5 "), ElementsAre("lib.so", "add", "int=5"));

@@ -1,6 +1,6 @@
 #include "hex.h"
 
-namespace zdepcall {
+namespace programs {
 
 std::string to_hex(ByteView bytes) {
     static constexpr char digits[] = "0123456789abcdef";
@@ -38,4 +38,4 @@ std::optional<Bytes> from_hex(std::string_view text) {
     return bytes;
 }
 
-} // namespace zdepcall
+} // namespace programs

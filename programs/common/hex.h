@@ -1,7 +1,7 @@
 // Bytes as hexadecimal text and back.
 
-#ifndef ZDEPCALL_HEX_H
-#define ZDEPCALL_HEX_H
+#ifndef PROGRAM_HEX_H
+#define PROGRAM_HEX_H
 
 #include <cstdint>
 #include <optional>
@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-namespace zdepcall {
+namespace programs {
 
 using Bytes = std::vector<uint8_t>;
 using ByteView = std::span<const uint8_t>;
@@ -22,6 +22,6 @@ std::string to_hex(ByteView bytes);
 // Empty text is no bytes.
 std::optional<Bytes> from_hex(std::string_view text);
 
-} // namespace zdepcall
+} // namespace programs
 
 #endif
