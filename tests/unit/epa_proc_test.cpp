@@ -159,6 +159,22 @@ TEST_F(EpaProcessRequestDeathTest, EndInsideABodyEndsTheProcessInOrder) {
     EXPECT_THAT(home_.log(home_.agent_dir() + "/backup"), HasSubstr("[ERR] ERROR_IO occurred\n"));
 }
 
+TEST_F(EpaProcessRequestDeathTest, UnwritableErrorReplyEndsTheProcessInOrder) {
+    send(agent_test::message(142, agent_test::text_field("x")));
+    shutdown(ends_[1], SHUT_RDWR);
+    EXPECT_EXIT(epa_process_request(), ExitedWithCode(0), "^$");
+    EXPECT_THAT(home_.log(home_.agent_dir() + "/backup"),
+                HasSubstr("[ERR] ERROR_EPA_INVALID_PROTOCOL occurred\n"));
+    EXPECT_THAT(home_.log(home_.agent_dir() + "/backup"), HasSubstr("[ERR] ERROR_IO occurred\n"));
+}
+
+TEST_F(EpaProcessRequest, UnwritableErrorReplyIsThrownToAnEnclosingFrame) {
+    send(agent_test::message(142, agent_test::text_field("x")));
+    shutdown(ends_[1], SHUT_RDWR);
+    EXPECT_EQ(client_try(epa_process_request), ERROR_IO);
+    EXPECT_EQ(innermost_frame(), nullptr);
+}
+
 // --- the direct form -----------------------------------------------------------------------------
 
 class EpaProcessRequestDir : public AgentContextTest {

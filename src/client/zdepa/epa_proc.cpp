@@ -67,15 +67,19 @@ void handle_raised(ec_t ec) {
     log_raised(ec);
     if (ec == ERROR_EPA_CONN_CLOSED || ec == ERROR_IO)
         end_of_connection();
-    // A server that went away before its error reply ends the connection like any other; whatever
-    // else goes wrong here is the enclosing frame's.
-    const ec_t reply_ec = client_try(answer_error);
-    if (reply_ec == ERROR_IO) {
-        log_raised(reply_ec);
-        end_of_connection();
+    // An enclosing frame gets what goes wrong with the reply. Without one, a server that went away
+    // before its error reply ends the connection like any other.
+    if (pthread_getspecific(client_try_jmpbuf_key_) != nullptr) {
+        answer_error();
+        return;
     }
-    if (reply_ec != 0)
-        zd_err_and_jmp(unit, __LINE__, "epa_process_request", 0, 0, reply_ec);
+    const ec_t reply_ec = client_try(answer_error);
+    if (reply_ec == 0)
+        return;
+    log_raised(reply_ec);
+    if (reply_ec == ERROR_IO)
+        end_of_connection();
+    zd_err_and_jmp(unit, __LINE__, "epa_process_request", 0, 0, reply_ec);
 }
 
 } // namespace
