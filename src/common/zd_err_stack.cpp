@@ -148,6 +148,7 @@ zd_err_inst_t *zd_err_stack_pop(zd_err_stack_t *errstack) {
     if (errinst == nullptr)
         return nullptr;
     errstack->top = errinst->next;
+    errinst->next = nullptr;
     errstack->count--;
     if (errinst->is_usrerr)
         errstack->usrcount--;

@@ -82,6 +82,7 @@ TEST_F(ErrStack, PopGivesTheTopAway) {
     push(-140002);
     zd_err_inst_t *const above = push(-140006);
     EXPECT_EQ(zd_err_stack_pop(&stack_), above);
+    EXPECT_EQ(above->next, nullptr) << "nothing of the stack goes with it";
     EXPECT_EQ(stack_.count, 1);
     EXPECT_EQ(stack_.usrcount, 1);
     EXPECT_EQ(stack_.id_next, 2) << "numbering goes on";
