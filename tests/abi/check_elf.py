@@ -10,6 +10,7 @@ A fact is a function below: it takes the path of the library and yields what is 
 import bisect
 import os
 import re
+import struct
 import subprocess
 import sys
 
@@ -114,6 +115,27 @@ def RelativeRelocationsArePacked(library):
     loose = output_of("readelf", "-rW", library).count("R_X86_64_RELATIVE")
     if loose:
         yield f"{loose} relative relocations are not packed"
+
+
+def words_of_data(library):
+    """The 8-byte words of the initialised data, as the file has them."""
+    pattern = r"\] (\.data\S*) +PROGBITS +\w+ (\w+) (\w+)"
+    with open(library, "rb") as file:
+        image = file.read()
+    for _, offset, size in re.findall(pattern, output_of("readelf", "-SW", library)):
+        start, length = int(offset, 16), int(size, 16) // 8
+        yield from struct.unpack_from(f"<{length}Q", image, start)
+
+
+@fact
+def TablesNameExportedFunctionsBySymbol(library):
+    # Bound to its own address, a table's function differs from what a program at a fixed address
+    # has under the same name.
+    exported = exported_names(library)
+    addresses = {address: name.split("@")[0] for address, _, name in functions(library)
+                 if name.split("@")[0] in exported}
+    for word in sorted(addresses.keys() & set(words_of_data(library)) - {0}):
+        yield f"{addresses[word]} is bound to its address (add it to src/libzdepl_tables.list)"
 
 
 @fact

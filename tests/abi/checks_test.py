@@ -12,7 +12,8 @@ ROOT = os.path.join(HERE, "..", "..")
 CHECK_ELF = os.path.join(HERE, "check_elf.py")
 
 # Breaks every fact: a constructor, a need of libm, an unknown function, a section both writable
-# and executable, a relocation in the code, functions without frames and unwind information.
+# and executable, a relocation in the code, functions without frames and unwind information, a table
+# with the address of an exported function.
 FAULTY_LIBRARY = r"""
 #include <math.h>
 extern int nobody_has_this(void);
@@ -20,12 +21,13 @@ static int value;
 int *pointer = &value;
 __attribute__((constructor)) void at_load(void) { value = nobody_has_this(); }
 double caller(double x) { return sin(x) + value; }
+double (*table[])(double) = {caller};
 __asm__(".section .both,\"awx\",@progbits\n.byte 0\n.text\n.quad caller\n");
 """
 FAULTY_FLAGS = (
     "-O2 -shared -fPIC -fomit-frame-pointer -fcf-protection=none -fno-asynchronous-unwind-tables "
     "-fno-unwind-tables -Wl,-z,execstack -Wl,-z,lazy -Wl,-z,norelro -Wl,-z,notext "
-    "-Wl,--no-warnings -Wl,-rpath,/opt/lib"
+    "-Wl,--no-warnings -Wl,-rpath,/opt/lib -Wl,-Bsymbolic-functions"
 ).split()
 
 
