@@ -2,6 +2,9 @@
 // but send that signal. An agent makes its log file before it is ready, and what a new file costs
 // is the file system's affair: the figure to compare has the agent's home in memory, another shows
 // what this machine's disk adds.
+//
+// And what does the error catalogue cost a program that links the library? The same program with a
+// library of ten rows stands beside it.
 
 #include <benchmark/benchmark.h>
 
@@ -50,6 +53,24 @@ void nothing(benchmark::State &state) {
 }
 BENCHMARK(nothing)
     ->Name("exec to readiness/do-nothing program")
+    ->Iterations(kBatch)
+    ->Repetitions(kBatches)
+    ->UseManualTime();
+
+void whole_catalogue(benchmark::State &state) {
+    start(state, WHOLE_CATALOGUE_PROGRAM, {Child::kSocketText});
+}
+BENCHMARK(whole_catalogue)
+    ->Name("start with the catalogue/zdepl")
+    ->Iterations(kBatch)
+    ->Repetitions(kBatches)
+    ->UseManualTime();
+
+void ten_rows(benchmark::State &state) {
+    start(state, TEN_ROWS_PROGRAM, {Child::kSocketText});
+}
+BENCHMARK(ten_rows)
+    ->Name("start with the catalogue/ten rows")
     ->Iterations(kBatch)
     ->Repetitions(kBatches)
     ->UseManualTime();
