@@ -7,7 +7,8 @@ file(GLOB errors_sources CONFIGURE_DEPENDS ${errors_catalogue}/*.err)
 add_custom_command(
   OUTPUT ${errors_output}/ec.h ${errors_output}/zd_err_info_rows.inc
   COMMAND Python3::Interpreter ${errors_generator} ${errors_catalogue} ${errors_output}
-  DEPENDS ${errors_generator} ${errors_catalogue}/families ${errors_sources}
+  DEPENDS ${errors_generator} ${PROJECT_SOURCE_DIR}/generate/error_catalogue.py
+    ${errors_catalogue}/families ${errors_sources}
   COMMENT "Generating the error codes"
   VERBATIM)
 add_custom_target(zdepl_ec DEPENDS ${errors_output}/ec.h ${errors_output}/zd_err_info_rows.inc)

@@ -11,9 +11,9 @@ from pathlib import Path
 import gen_errors
 
 FAMILIES = """\
-# prefix top bottom
-ERROR_EP -140000 -140999
-STDOUT_CLI -300000 -300999
+# prefix top bottom rows internal about
+ERROR_EP -140000 -140999 0 0 agent
+STDOUT_CLI -300000 -300999 0 0 console messages
 """
 
 BOUNDS = """\
@@ -46,7 +46,14 @@ class Catalogue:
         self.write("bounds.err", BOUNDS)
 
     def write(self, name, text):
+        """Also lets the counts of a family fit its file."""
         (self.source / name).write_text(text, encoding="utf-8")
+        if name.endswith(".err"):
+            internal = len(re.findall(r"^\w+ -[56]\d{5}$", text, re.M))
+            rows = len(re.findall(r"^[A-Z]\w* ", text, re.M)) - internal
+            families = re.sub(rf"(?m)^({name[:-4]} \S+ \S+) \d+ \d+", rf"\1 {rows} {internal}",
+                              (self.source / "families").read_text(encoding="utf-8"))
+            (self.source / "families").write_text(families, encoding="utf-8")
 
     def generate(self):
         with contextlib.redirect_stdout(io.StringIO()):
@@ -334,7 +341,8 @@ class Files(GeneratorTest):
         self.assert_refused("bounds.err", 1, "is missing")
 
     def test_a_family_line_that_is_none(self):
-        for line in ("ERROR_XY -301000", "ERROR_XY 301000 301999", "ERROR_XY -301000 -301999 3"):
+        for line in ("ERROR_XY -301000", "ERROR_XY 301000 301999 0 0 x",
+                     "ERROR_XY -301000 -301999 3", "ERROR_XY -301000 -301999 0 0"):
             with self.subTest(line=line):
                 self.catalogue.write("families", FAMILIES + line + "\n")
                 self.assert_refused("families", 4, "a family is a prefix")
@@ -346,14 +354,25 @@ class Files(GeneratorTest):
                               ("-200000 -200999", "descending order"),
                               ("-500000 -500999", "internal conditions")):
             with self.subTest(block=block):
-                self.catalogue.write("families", f"{FAMILIES}ERROR_XY {block}\n")
+                self.catalogue.write("families", f"{FAMILIES}ERROR_XY {block} 0 0 x\n")
                 self.assert_refused("families", 4, reason)
 
     def test_a_prefix_twice_or_not_in_capitals(self):
-        self.catalogue.write("families", FAMILIES + "ERROR_EP -301000 -301999\n")
+        self.catalogue.write("families", FAMILIES + "ERROR_EP -301000 -301999 0 0 x\n")
         self.assert_refused("families", 4, "second family")
-        self.catalogue.write("families", FAMILIES + "error_xy -301000 -301999\n")
+        self.catalogue.write("families", FAMILIES + "error_xy -301000 -301999 0 0 x\n")
         self.assert_refused("families", 4, "not a prefix")
+
+    def test_a_family_with_more_or_fewer_rows_than_it_has(self):
+        conditions = "\nERROR_EPA_CONN_CLOSED -640001\n    desc     \"x\"\n    class    internal\n"
+        for counts, reason in (("2 1", "ERROR_EP has 2 rows, but ERROR_EP.err has 1"),
+                               ("0 1", "ERROR_EP has 0 rows, but ERROR_EP.err has 1"),
+                               ("1 2", "ERROR_EP has 2 internal rows, but ERROR_EP.err has 1"),
+                               ("1 0", "ERROR_EP has 0 internal rows, but ERROR_EP.err has 1")):
+            with self.subTest(counts=counts):
+                self.catalogue.write("ERROR_EP.err", ROW + conditions)
+                self.catalogue.write("families", FAMILIES.replace("0 0 agent", counts + " agent"))
+                self.assert_refused("families", 2, reason)
 
     def test_a_catalogue_that_is_not_there(self):
         with self.assertRaisesRegex(SystemExit, "families"):

@@ -147,6 +147,15 @@ TEST(ErrInfoTable, StartsWithNoErrorAndEndsWithTheEndRow) {
                                           nullptr, "NOSQS", -9999, 0});
 }
 
+TEST(ErrInfoTable, HasARowForEveryErrorOfTheSystem) {
+    size_t rows = 1; // the end row
+    size_t without_sqlstate = 0;
+    for (const zd_err_info_t *row = zd_err_info; row->code != ZD_ERR_END_OF_INFO; row++, rows++)
+        without_sqlstate += row->sqlstate[0] == '\0';
+    EXPECT_EQ(rows, 3237u);
+    EXPECT_EQ(without_sqlstate, 742u);
+}
+
 TEST(ErrInfoTable, CodesDescendStrictly) {
     for (size_t i = 1; i <= last_row(); i++)
         EXPECT_GT(zd_err_info[i - 1].code, zd_err_info[i].code) << zd_err_info[i].name;
