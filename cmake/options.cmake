@@ -5,7 +5,8 @@ add_library(zdepl_warnings INTERFACE)
 target_compile_options(zdepl_warnings INTERFACE
   -Wall -Wextra -Wshadow -Werror
   $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wclobbered -Wconversion -Wno-missing-field-initializers>
-  $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wconversion -Wno-missing-field-initializers>)
+  $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wconversion -Wno-sign-conversion
+    -Wno-missing-field-initializers>)
 
 # zdepl_runtime_free: code that needs libc alone. No exceptions, no type information, no
 # constructors at load time, frame pointers kept so that every stack can be walked.
