@@ -119,8 +119,8 @@ class Pages(unittest.TestCase):
         (self.pages / "ERROR_OLD.md").write_text("old", encoding="utf-8")
         with self.assertRaises(SystemExit) as stop:
             self.run_generator("--check")
-        self.assertRegex(str(stop.exception), r"(?s)ERROR_EP.md: out of date.*ERROR_OLD.md: belongs "
-                         r"to no family.*STDOUT_CLI.md: out of date")
+        self.assertRegex(str(stop.exception), r"(?s)ERROR_EP.md: out of date.*ERROR_OLD.md: "
+                         r"belongs to no family.*STDOUT_CLI.md: out of date")
         self.assertEqual(self.read("ERROR_EP.md"), "changed", "the check wrote something")
 
     def test_a_wrong_catalogue_ends_the_run(self):
