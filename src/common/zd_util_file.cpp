@@ -86,22 +86,20 @@ int zd_create_dir_for(const char *path, mode_t mode) {
     if (path[0] != '/')
         return ERROR_SYSCALL_MKDIR;
     char dir[PATH_MAX];
-    dir[0] = '/';
+    size_t start = 0;
     for (size_t i = 1; path[i] != '\0'; i++) {
-        if (path[i] == '/') {
-            dir[i] = '\0';
-            const int cause = make_dir(dir, mode);
-            if (cause != 0) {
-                report_mkdir(dir, cause);
-                return ERROR_SYSCALL_MKDIR;
-            }
-        }
-        if (i == sizeof dir - 1) {
-            dir[i] = '\0';
-            report_mkdir(dir, ENAMETOOLONG);
+        if (path[i] != '/')
+            continue;
+        const bool fits = i < sizeof dir;
+        const size_t length = fits ? i : sizeof dir - 1;
+        memcpy(dir + start, path + start, length - start);
+        dir[length] = '\0';
+        start = length;
+        const int cause = fits ? make_dir(dir, mode) : ENAMETOOLONG;
+        if (cause != 0) {
+            report_mkdir(dir, cause);
             return ERROR_SYSCALL_MKDIR;
         }
-        dir[i] = path[i];
     }
     return 0;
 }

@@ -24,12 +24,13 @@ ZD_API int zd_create_dir_for(const char *path, mode_t mode);
 // appended, else 1.
 ZD_API int zd_slash_check(char *path);
 
-// Copies path up to and including its last "/" into buf. Returns buf, or NULL, with buf untouched,
-// when path holds no "/".
+// Copies path up to and including its last "/" into buf, which needs room for that and a
+// terminator. Returns buf, or NULL, with buf untouched, when path holds no "/".
 ZD_API char *zd_get_path_prefix(const char *path, char *buf);
 
 // Makes buf a directory name that ends in "/": given, or when that is empty the instance's own
-// "path" directory under the home of the component type. Returns buf.
+// "path" directory under the home of the component type, HOME/instance/ID/path/. Returns buf, which
+// needs room for that name and a terminator.
 ZD_API char *zd_set_path_prefix(const char *given, char *buf, int type);
 
 // The part of path below the home directory of the component type; path itself when it does not

@@ -164,6 +164,26 @@ TEST_F(ZdUtilFile, FileNameTooLongForTheSystemIsAFailure) {
     EXPECT_EQ(outcome.events.rfind("Failure to create directory: /tmp/./.", 0), 0u);
 }
 
+TEST_F(ZdUtilFile, FileWhoseDirectoriesHaveShortNamesMayHaveALongOne) {
+    const std::string path = dir_ + "/a/" + std::string(2 * PATH_MAX, 'f');
+    EXPECT_EQ(zd_create_dir_for(path.c_str(), 0755), 0);
+    EXPECT_TRUE(fs::is_directory(dir_ + "/a"));
+}
+
+TEST_F(ZdUtilFile, LongestDirectoryOfAFileThatTheSystemTakesIsCreated) {
+    for (const size_t length : {PATH_MAX - 1, PATH_MAX}) {
+        std::string path = dir_;
+        while (path.size() + 2 <= length)
+            path += "/.";
+        path += std::string(length - path.size(), '/');
+        ASSERT_EQ(path.size(), length);
+        const Outcome outcome =
+            outcome_of([&] { return zd_create_dir_for((path + "/f").c_str(), 0755); });
+        EXPECT_EQ(outcome.rc, length < PATH_MAX ? 0 : ERROR_SYSCALL_MKDIR) << length;
+        EXPECT_EQ(outcome.events.empty(), length < PATH_MAX);
+    }
+}
+
 TEST(ZdSlashCheck, SlashIsAppendedOnce) {
     char path[8] = "/a";
     EXPECT_EQ(zd_slash_check(path), 0);
