@@ -455,6 +455,94 @@ TEST_F(Dump, AddressInNoFileIsPrintedWithoutAName) {
     munmap(page, 4096);
 }
 
+// ---- files made for the test ----
+
+constexpr uint64_t kLinkAddress = 0x400000;
+
+struct Symbol {
+    std::string name;
+    uint64_t value;
+    unsigned char type = STT_FUNC;
+    uint16_t section = 1;
+};
+
+// A file with one segment at its start, linked for kLinkAddress, and one symbol table.
+class ElfFile {
+  public:
+    Elf64_Ehdr header = {};
+    Elf64_Phdr segment = {};
+    Elf64_Shdr sections[3] = {};
+
+    explicit ElfFile(const std::vector<Symbol> &symbols, uint32_t table_type = SHT_SYMTAB) {
+        std::string names(1, '\0');
+        std::vector<Elf64_Sym> table;
+        for (const Symbol &symbol : symbols) {
+            Elf64_Sym entry = {};
+            entry.st_name = static_cast<uint32_t>(names.size());
+            entry.st_info = ELF64_ST_INFO(STB_LOCAL, symbol.type);
+            entry.st_shndx = symbol.section;
+            entry.st_value = symbol.value;
+            table.push_back(entry);
+            names += symbol.name + '\0';
+        }
+        memcpy(header.e_ident, ELFMAG, SELFMAG);
+        header.e_ident[EI_CLASS] = ELFCLASS64;
+        header.e_phoff = sizeof header;
+        header.e_phnum = 1;
+        header.e_shoff = sizeof header + sizeof segment;
+        header.e_shnum = 3;
+        segment.p_type = PT_LOAD;
+        segment.p_vaddr = kLinkAddress;
+        const uint64_t data = header.e_shoff + sizeof sections;
+        const uint64_t table_size = table.size() * sizeof(Elf64_Sym);
+        sections[1].sh_type = table_type;
+        sections[1].sh_offset = data;
+        sections[1].sh_size = table_size;
+        sections[1].sh_link = 2;
+        sections[2].sh_type = SHT_STRTAB;
+        sections[2].sh_offset = data + table_size;
+        sections[2].sh_size = names.size();
+        data_.assign(reinterpret_cast<const char *>(table.data()), table_size);
+        data_ += names;
+    }
+
+    std::string bytes() const {
+        std::string all(reinterpret_cast<const char *>(&header), sizeof header);
+        all.append(reinterpret_cast<const char *>(&segment), sizeof segment);
+        all.append(reinterpret_cast<const char *>(sections), sizeof sections);
+        return all + data_;
+    }
+
+  private:
+    std::string data_;
+};
+
+// Bytes as a file that is mapped, but not loaded.
+class Mapped {
+  public:
+    static constexpr size_t kSize = 65536;
+
+    explicit Mapped(const std::string &bytes, void *where = nullptr) {
+        const std::string path = dir_.path() + "/file";
+        std::ofstream(path) << bytes;
+        const int fd = open(path.c_str(), O_RDONLY);
+        start_ = mmap(where, kSize, PROT_READ, MAP_PRIVATE, fd, 0);
+        close(fd);
+        EXPECT_NE(start_, MAP_FAILED);
+    }
+    ~Mapped() { munmap(start_, kSize); }
+    Mapped(const Mapped &) = delete;
+    Mapped &operator=(const Mapped &) = delete;
+
+    // What the function at that offset from the link address is called.
+    Location at(uint64_t offset) const { return location_of(address(start_) + offset); }
+    callstack_ip_t base() const { return address(start_); }
+
+  private:
+    TempDir dir_;
+    void *start_;
+};
+
 // ---- names: against nm and addr2line ----
 
 // The functions of a file by address, as nm tells them. Undefined ones have none.
@@ -612,6 +700,15 @@ TEST(NameOfAddress, AddressesBehindNoFileHaveNone) {
     EXPECT_EQ(location_of(~0ul).rc, -1);
 }
 
+TEST(NameOfAddress, FileOfAMappingsNameIsNotTakenForIt) {
+    const TempDir dir;
+    const std::string start = fs::current_path();
+    fs::current_path(dir.path());
+    std::ofstream("[vdso]") << ElfFile({{"false_friend", kLinkAddress}}).bytes();
+    EXPECT_EQ(location_of(getauxval(AT_SYSINFO_EHDR)).rc, -1);
+    fs::current_path(start);
+}
+
 TEST(NameOfAddress, LookupLeavesNoDescriptorAndNoMappingBehind) {
     const auto descriptors = [] {
         return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
@@ -648,91 +745,6 @@ TEST(NameOfAddress, NameIsCutToTheBuffer) {
 }
 
 // ---- names: in files made for the test ----
-
-constexpr uint64_t kLinkAddress = 0x400000;
-
-struct Symbol {
-    std::string name;
-    uint64_t value;
-    unsigned char type = STT_FUNC;
-    uint16_t section = 1;
-};
-
-// A file with one segment at its start, linked for kLinkAddress, and one symbol table.
-class ElfFile {
-  public:
-    Elf64_Ehdr header = {};
-    Elf64_Phdr segment = {};
-    Elf64_Shdr sections[3] = {};
-
-    explicit ElfFile(const std::vector<Symbol> &symbols, uint32_t table_type = SHT_SYMTAB) {
-        std::string names(1, '\0');
-        std::vector<Elf64_Sym> table;
-        for (const Symbol &symbol : symbols) {
-            Elf64_Sym entry = {};
-            entry.st_name = static_cast<uint32_t>(names.size());
-            entry.st_info = ELF64_ST_INFO(STB_LOCAL, symbol.type);
-            entry.st_shndx = symbol.section;
-            entry.st_value = symbol.value;
-            table.push_back(entry);
-            names += symbol.name + '\0';
-        }
-        memcpy(header.e_ident, ELFMAG, SELFMAG);
-        header.e_ident[EI_CLASS] = ELFCLASS64;
-        header.e_phoff = sizeof header;
-        header.e_phnum = 1;
-        header.e_shoff = sizeof header + sizeof segment;
-        header.e_shnum = 3;
-        segment.p_type = PT_LOAD;
-        segment.p_vaddr = kLinkAddress;
-        const uint64_t data = header.e_shoff + sizeof sections;
-        const uint64_t table_size = table.size() * sizeof(Elf64_Sym);
-        sections[1].sh_type = table_type;
-        sections[1].sh_offset = data;
-        sections[1].sh_size = table_size;
-        sections[1].sh_link = 2;
-        sections[2].sh_type = SHT_STRTAB;
-        sections[2].sh_offset = data + table_size;
-        sections[2].sh_size = names.size();
-        data_.assign(reinterpret_cast<const char *>(table.data()), table_size);
-        data_ += names;
-    }
-
-    std::string bytes() const {
-        std::string all(reinterpret_cast<const char *>(&header), sizeof header);
-        all.append(reinterpret_cast<const char *>(&segment), sizeof segment);
-        all.append(reinterpret_cast<const char *>(sections), sizeof sections);
-        return all + data_;
-    }
-
-  private:
-    std::string data_;
-};
-
-// Bytes as a file that is mapped, but not loaded.
-class Mapped {
-  public:
-    explicit Mapped(const std::string &bytes, void *where = nullptr) {
-        const std::string path = dir_.path() + "/file";
-        std::ofstream(path) << bytes;
-        const int fd = open(path.c_str(), O_RDONLY);
-        start_ = mmap(where, kSize, PROT_READ, MAP_PRIVATE, fd, 0);
-        close(fd);
-        EXPECT_NE(start_, MAP_FAILED);
-    }
-    ~Mapped() { munmap(start_, kSize); }
-    Mapped(const Mapped &) = delete;
-    Mapped &operator=(const Mapped &) = delete;
-
-    // What the function at that offset from the link address is called.
-    Location at(uint64_t offset) const { return location_of(address(start_) + offset); }
-    callstack_ip_t base() const { return address(start_); }
-
-  private:
-    static constexpr size_t kSize = 65536;
-    TempDir dir_;
-    void *start_;
-};
 
 const std::vector<Symbol> kTwoFunctions = {{"second", kLinkAddress + 0x200},
                                            {"first", kLinkAddress + 0x100}};
@@ -783,6 +795,16 @@ TEST(ElfFile, FirstOfSeveralAtOneAddressIsTaken) {
     EXPECT_EQ(file.at(0x100).name, "one");
 }
 
+TEST(ElfFile, AddressBetweenTwoMappingsIsTheSecondOnes) {
+    const Mapped first(ElfFile({{"first", kLinkAddress}}).bytes(),
+                       reinterpret_cast<void *>(0x200000000000));
+    const Mapped second(ElfFile({{"second", kLinkAddress}}).bytes(),
+                        reinterpret_cast<void *>(0x200000000000 + Mapped::kSize));
+    ASSERT_EQ(second.base(), first.base() + Mapped::kSize);
+    EXPECT_EQ(first.at(Mapped::kSize - 1).name, "first");
+    EXPECT_EQ(first.at(Mapped::kSize).name, "second");
+}
+
 TEST(ElfFile, NamesOfUpTo255CharactersArePrinted) {
     const std::string longest(255, 'n');
     const Mapped file(
@@ -825,8 +847,14 @@ INSTANTIATE_TEST_SUITE_P(
         Damage{"TableOutside", [](ElfFile &file) { file.sections[1].sh_size = 1 << 20; }},
         Damage{"TableWrapping", [](ElfFile &file) { file.sections[1].sh_size = ~0ull; }},
         Damage{"NoNames", [](ElfFile &file) { file.sections[1].sh_link = 3; }},
+        Damage{"NamesNotCounted", [](ElfFile &file) { file.header.e_shnum = 2; }},
         Damage{"NamesOutside", [](ElfFile &file) { file.sections[2].sh_size = 1 << 20; }},
         Damage{"NamesEmpty", [](ElfFile &file) { file.sections[2].sh_size = 0; }},
+        Damage{"NamesEmptyAtTheStart",
+               [](ElfFile &file) {
+                   file.sections[2].sh_size = 0;
+                   file.sections[2].sh_offset = 0;
+               }},
         Damage{"NamesWithoutEnd", [](ElfFile &file) { file.sections[2].sh_size--; }}),
     [](const auto &given) { return given.param.what; });
 
@@ -841,19 +869,23 @@ TEST(ElfFile, EmptyFileAndTextHaveNoNames) {
     EXPECT_EQ(Mapped("no ELF file\n").at(0).rc, -1);
 }
 
-// The deepest that can be mapped by name: its line of the memory map does not fit a page.
+// A line of the memory map that does not fit a page is left out, together with its end, which here
+// reads like a line of its own that would hold every address.
 TEST(ElfFile, NameTooLongForTheReaderHidesNoOtherFile) {
+    constexpr size_t kNameColumn = 73;
+    const size_t page = static_cast<size_t>(getpagesize());
     const TempDir dir;
     const int start = open(".", O_RDONLY | O_DIRECTORY);
     std::string path = dir.path();
     ASSERT_EQ(chdir(path.c_str()), 0);
-    const std::string step(200, 'd');
-    while (path.size() + step.size() + 1 < PATH_MAX - 8) {
+    const std::string step(100, 'd');
+    while (path.size() + step.size() < page - 200) {
         ASSERT_EQ(mkdir(step.c_str(), 0700), 0);
         ASSERT_EQ(chdir(step.c_str()), 0);
         path += "/" + step;
     }
-    const std::string name(PATH_MAX - 2 - path.size(), 'f');
+    const std::string name =
+        std::string(page - kNameColumn - path.size() - 1, 'f') + "0-ffffffffffffffff r-xp 0 0 0 x";
     std::ofstream(name) << ElfFile(kTwoFunctions).bytes();
     const int fd = open(name.c_str(), O_RDONLY);
     ASSERT_EQ(fchdir(start), 0);
