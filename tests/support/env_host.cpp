@@ -5,16 +5,22 @@
 
 #include "common/zd_env.h"
 
+// The selectors of the last queries for the home and for the instance.
+int asked_home_of = -1;
+int asked_sid_of = -1;
+
 const char *env_get_home_name_with_type(int) {
     return "ZD_HOME";
 }
 
-const char *env_get_home_with_type(int) {
+const char *env_get_home_with_type(int type) {
+    asked_home_of = type;
     const char *home = getenv("ZD_HOME");
     return home != nullptr ? home : "";
 }
 
-const char *env_get_sid_with_type(int) {
+const char *env_get_sid_with_type(int type) {
+    asked_sid_of = type;
     return "testsid";
 }
 

@@ -16,6 +16,10 @@
 #include "common/ec.h"
 #include "common/zd_env.h"
 
+// The test's host keeps the selectors that it was asked with.
+extern int asked_home_of;
+extern int asked_sid_of;
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -229,6 +233,14 @@ TEST_F(ZdHomePaths, GivenPrefixGetsATrailingSlash) {
 TEST_F(ZdHomePaths, EmptyPrefixIsTheInstancesOwn) {
     EXPECT_STREQ(zd_set_path_prefix("", buf_, ENV_TYPE_EXTPROC_AGENT),
                  "/opt/zd/instance/testsid/path/");
+}
+
+TEST_F(ZdHomePaths, HostIsAskedForTheComponentThatIsMeant) {
+    zd_set_path_prefix("", buf_, 17);
+    EXPECT_EQ(asked_home_of, 17);
+    EXPECT_EQ(asked_sid_of, 17);
+    zd_get_relname("/opt/zd/x", 5);
+    EXPECT_EQ(asked_home_of, 5);
 }
 
 TEST_F(ZdHomePaths, NameBelowTheHomeLosesIt) {

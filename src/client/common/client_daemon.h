@@ -8,7 +8,8 @@
 
 ZD_BEGIN_DECLS
 
-// Goes on in a child, which leads a session of its own; the calling process exits with status 0.
+// Goes on in a child, which leads a session of its own; the calling process exits with status 0, or
+// with 1 when the child ends before that.
 // In the child
 // - every descriptor below the limit is closed but excluding_fd (negative: none is kept), and 0, 1
 //   and 2 are "/dev/null". Requires that excluding_fd is none of those three (an assertion);
