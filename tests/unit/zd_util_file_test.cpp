@@ -113,6 +113,14 @@ TEST_F(ZdUtilFile, FailureOfAParentIsReportedAtEveryLevel) {
               "Create directory fail cascade: /proc/none/a/b\n");
 }
 
+TEST_F(ZdUtilFile, ParentsAreTriedOnlyWhenTheyAreMissing) {
+    std::ofstream(dir_ + "/file").put('x');
+    const std::string path = dir_ + "/file/a/b";
+    const Outcome outcome = outcome_of([&] { return zd_create_dir(path.c_str()); });
+    EXPECT_EQ(outcome.rc, -1);
+    EXPECT_EQ(outcome.events, "Failure to create directory: " + path + " (20:Not a directory)\n");
+}
+
 TEST_F(ZdUtilFile, LongestDirectoryNameIsAccepted) {
     std::string path = dir_;
     while (path.size() < 255)
@@ -328,6 +336,11 @@ TEST(ZdNormalizePathname, RunsOfSlashesBecomeOne) {
     EXPECT_EQ(normalized("////"), "/");
     EXPECT_EQ(normalized("/a/b"), "/a/b");
     EXPECT_EQ(normalized(""), "");
+}
+
+TEST(ZdNormalizePathname, NothingBeforeThePathIsLookedAt) {
+    char path[] = "//a";
+    EXPECT_STREQ(zd_normalize_pathname(path + 1), "/a");
 }
 
 } // namespace
