@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -18,6 +19,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <ostream>
 #include <string>
 
 namespace {
@@ -298,6 +300,10 @@ struct Ending {
     int signo;
     int status;
 };
+
+void PrintTo(const Ending &ending, std::ostream *stream) {
+    *stream << strsignal(ending.signo);
+}
 
 class SignalOfTheDaemon : public ClientDaemon, public testing::WithParamInterface<Ending> {};
 

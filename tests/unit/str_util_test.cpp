@@ -100,6 +100,10 @@ struct Unpadding {
     std::string kept;
 };
 
+void PrintTo(const Unpadding &unpadding, std::ostream *stream) {
+    *stream << '"' << unpadding.before << '"';
+}
+
 class StrUnpadSpace : public testing::TestWithParam<Unpadding> {};
 
 TEST_P(StrUnpadSpace, BlanksAtBothEndsAreRemovedAndCounted) {
@@ -340,6 +344,10 @@ struct Replacing {
     const char *to;
     const char *result;
 };
+
+void PrintTo(const Replacing &replacing, std::ostream *stream) {
+    *stream << '"' << replacing.from << "\" in \"" << replacing.src << '"';
+}
 
 class ReplaceStr : public testing::TestWithParam<Replacing> {};
 
