@@ -46,7 +46,8 @@ LAYERS = (
         common/zd_err_inst  common/zd_err_stack  common/zd_err
     """),
     ("services and SQL", """
-        common/zd_sock_io  common/zd_network  common/zd_network_fifo
+        common/zd_sock_io  common/zd_sock_io_core
+        common/zd_network  common/zd_network_fifo  common/zd_network_socket
         client/common/client_util  client/common/client_scan  client/common/client_daemon
         client/common/log/client_log
         common/literal_scanner  common/literal_sjis_scanner  common/lit_cnv

@@ -1,141 +1,30 @@
 #include "common/zd_sock_io.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <pthread.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <string>
 #include <thread>
 
 #include "client/common/client_try.h"
 #include "common/ec.h"
+#include "support/scripted_calls.h"
+#include "support/sockets.h"
 
 namespace {
+
+using testing::ElementsAre;
 
 constexpr uchar kNothrow = 1;
 constexpr uchar kThrow = 0;
 
-std::atomic<int> signals_seen;
-
-void count_signal(int) {
-    signals_seen++;
-}
-
-// SIGUSR1 interrupts system calls and is counted.
-class InterruptingSignal {
-  public:
-    InterruptingSignal() {
-        signals_seen = 0;
-        struct sigaction action = {};
-        action.sa_handler = count_signal;
-        sigaction(SIGUSR1, &action, &saved_);
-    }
-    InterruptingSignal(const InterruptingSignal &) = delete;
-    InterruptingSignal &operator=(const InterruptingSignal &) = delete;
-    ~InterruptingSignal() { sigaction(SIGUSR1, &saved_, nullptr); }
-
-  private:
-    struct sigaction saved_ = {};
-};
-
-// Runs a call that will block, in a thread of its own, and interrupts it.
-class BlockingCall {
-  public:
-    template <class Call>
-    explicit BlockingCall(Call call)
-        : thread_([this, call] {
-              started_ = true;
-              call();
-              ended_ = true;
-          }) {
-        while (!started_)
-            sched_yield();
-    }
-    BlockingCall(const BlockingCall &) = delete;
-    BlockingCall &operator=(const BlockingCall &) = delete;
-    ~BlockingCall() { wait(); }
-
-    // Signals until so many have been taken, or the call has ended. One that comes before the call
-    // blocks is lost on it, hence many.
-    void interrupt(int times) {
-        while (signals_seen < times && !ended_) {
-            pthread_kill(thread_.native_handle(), SIGUSR1);
-            sched_yield();
-        }
-    }
-
-    void wait() {
-        if (thread_.joinable())
-            thread_.join();
-    }
-
-  private:
-    std::atomic<bool> started_ = false;
-    std::atomic<bool> ended_ = false;
-    std::thread thread_;
-};
-
-class ZdSockIo : public testing::Test {
+class ZdSockIo : public SocketPairTest {
   protected:
-    ZdSockIo() {
-        int fds[2];
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-        near_ = fds[0];
-        far_ = fds[1];
-    }
-    ~ZdSockIo() override {
-        close_far();
-        close(near_);
-    }
-
-    void close_far() {
-        if (far_ >= 0)
-            close(far_);
-        far_ = -1;
-    }
-
-    void far_sends(const std::string &bytes) const {
-        ASSERT_EQ(send(far_, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
-    }
-
-    // Everything that arrives at the far end until size bytes are there.
-    [[nodiscard]] std::string far_receives(size_t size) const {
-        std::string bytes(size, '\0');
-        size_t got = 0;
-        while (got < size) {
-            const ssize_t count = recv(far_, bytes.data() + got, size - got, 0);
-            if (count <= 0)
-                break;
-            got += static_cast<size_t>(count);
-        }
-        bytes.resize(got);
-        return bytes;
-    }
-
-    static void make_nonblocking(int fd) { fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK); }
-
-    // Sends until the near end's way out is full; how many bytes that took.
-    [[nodiscard]] size_t fill_near() const {
-        const std::string bytes(4096, 'x');
-        size_t sent = 0;
-        for (;;) {
-            const ssize_t count = send(near_, bytes.data(), bytes.size(), MSG_DONTWAIT);
-            if (count <= 0)
-                return sent;
-            sent += static_cast<size_t>(count);
-        }
-    }
-
-    int near_;
-    int far_;
-    char buffer_[64] = {};
+    void SetUp() override { clear_scripts(); }
+    void TearDown() override { clear_scripts(); }
 };
 
 // ---- Waits
@@ -198,15 +87,7 @@ TEST_F(ZdSockIo, ReadTakesWhatWasAskedForAndLeavesTheRest) {
 }
 
 TEST_F(ZdSockIo, ReadGoesOnUntilEveryPieceIsThere) {
-    std::thread writer([&] {
-        for (const char *piece : {"a", "bc", "def"}) {
-            far_sends(piece);
-            // The reader has taken the piece when nothing of it is left to be read.
-            pollfd readable = {near_, POLLIN, 0};
-            while (poll(&readable, 1, 0) > 0)
-                sched_yield();
-        }
-    });
+    std::thread writer([&] { far_sends_byte_by_byte("abcdef"); });
     EXPECT_EQ(zd_sock_readn_ex(near_, buffer_, 6, kThrow), 6);
     writer.join();
     EXPECT_EQ(std::string(buffer_), "abcdef");
@@ -298,6 +179,110 @@ TEST_F(ZdSockIo, TimedReadWaitsBeforeEveryPiece) {
     EXPECT_EQ(std::string(buffer_), "abc");
 }
 
+TEST_F(ZdSockIo, TimedReadAsksForMillisecondsBeforeEveryPiece) {
+    far_sends("abcdef");
+    scripted_recv.answers = {takes(2), takes(1)};
+    EXPECT_EQ(zd_sock_readn_nonb_ex(near_, buffer_, 6, 3, kThrow), 6);
+    EXPECT_THAT(scripted_poll.seen, ElementsAre(3000, 3000, 3000));
+    EXPECT_THAT(scripted_recv.seen, ElementsAre(6, 4, 3));
+    EXPECT_EQ(std::string(buffer_), "abcdef");
+}
+
+TEST_F(ZdSockIo, TimedReadOfZeroSecondsDoesNotAskWhetherThereIsAnything) {
+    far_sends("abc");
+    EXPECT_EQ(zd_sock_readn_nonb_ex(near_, buffer_, 3, 0, kThrow), 3);
+    EXPECT_THAT(scripted_poll.seen, testing::IsEmpty());
+}
+
+TEST_F(ZdSockIo, FailedWaitIsNoTimeout) {
+    far_sends("abc");
+    scripted_poll.answers = {fails_with(EINVAL)};
+    EXPECT_EQ(zd_sock_readn_nonb_ex(near_, buffer_, 3, 1, kThrow), 3);
+}
+
+TEST_F(ZdSockIo, InterruptedTimedReadWaitsAgainInFull) {
+    far_sends("abc");
+    scripted_poll.answers = {fails_with(EINTR), asks(), fails_with(EINTR)};
+    scripted_recv.answers = {fails_with(EINTR)};
+    EXPECT_EQ(zd_sock_readn_nonb_ex(near_, buffer_, 3, 7, kThrow), 3);
+    EXPECT_THAT(scripted_poll.seen, ElementsAre(7000, 7000, 7000, 7000));
+}
+
+TEST_F(ZdSockIo, PlainReadsPollWithoutLimitWhenTheyWouldBlock) {
+    far_sends("abcdef");
+    scripted_recv.answers = {fails_with(EAGAIN), asks(), fails_with(EAGAIN)};
+    EXPECT_EQ(zd_sock_readn_ex(near_, buffer_, 3, kThrow), 3);
+    EXPECT_EQ(zd_sock_readn_sig(near_, buffer_, 3), 3);
+    EXPECT_THAT(scripted_poll.seen, ElementsAre(-1, -1));
+}
+
+TEST_F(ZdSockIo, SingleWaitsEndWhenInterrupted) {
+    scripted_poll.answers = {fails_with(EINTR), fails_with(EINTR)};
+    EXPECT_EQ(zd_sock_wait_readable(near_), -1);
+    EXPECT_EQ(zd_sock_wait_writable(near_), -1);
+    EXPECT_THAT(scripted_poll.seen, ElementsAre(-1, -1));
+}
+
+TEST_F(ZdSockIo, ReadThatIsMeantToBeBrokenForgetsWhatItHad) {
+    far_sends("abc");
+    scripted_recv.answers = {takes(2), fails_with(EINTR)};
+    EXPECT_EQ(zd_sock_readn_sig(near_, buffer_, 3), -1);
+    EXPECT_EQ(errno, EINTR);
+}
+
+TEST_F(ZdSockIo, ResetInMidMessageIsAFailure) {
+    use_tcp();
+    far_sends("abc");
+    EXPECT_EQ(zd_sock_readn_ex(near_, buffer_, 3, kThrow), 3);
+    reset_far();
+    EXPECT_EQ(zd_sock_readn_ex(near_, buffer_, 10, kNothrow), -1);
+    EXPECT_EQ(errno, ECONNRESET);
+}
+
+TEST_F(ZdSockIo, ResetIsThrownByEveryReadThatThrows) {
+    const auto read_after_reset = [&](auto read) {
+        use_tcp();
+        reset_far();
+        const ec_t ec = client_try(read);
+        EXPECT_EQ(errno, ECONNRESET);
+        return ec;
+    };
+    EXPECT_EQ(read_after_reset([&] { zd_sock_readn_ex(near_, buffer_, 9, kThrow); }), -18017);
+    EXPECT_EQ(read_after_reset([&] { zd_sock_readn_nonb_ex(near_, buffer_, 9, 5, kThrow); }),
+              -18017);
+    EXPECT_EQ(read_after_reset([&] { zd_sock_read_once_ex(near_, buffer_, 9, 0); }), -18017);
+    EXPECT_EQ(read_after_reset([&] { zd_sock_read_once_nonb_ex(near_, buffer_, 9, 5, 0); }),
+              -18017);
+    EXPECT_EQ(read_after_reset([&] { zd_sock_read_line(near_, buffer_, 9); }), -18017);
+    EXPECT_EQ(read_after_reset([&] { zd_sock_read_line_nonb(near_, buffer_, 9, 5); }), -18017);
+}
+
+TEST_F(ZdSockIo, MegabytesComeWholeThroughAStormOfSignals) {
+    const std::string bytes = distinct_bytes(1 << 20);
+    std::string got(bytes.size(), '\0');
+    std::thread writer([&] { far_sends(bytes); });
+    {
+        const SignalStorm storm;
+        const int half = static_cast<int>(bytes.size() / 2);
+        EXPECT_EQ(zd_sock_readn_ex(near_, got.data(), half, kThrow), half);
+        EXPECT_EQ(zd_sock_readn_nonb_ex(near_, got.data() + half, half, 60, kThrow), half);
+    }
+    writer.join();
+    EXPECT_TRUE(got == bytes);
+}
+
+TEST_F(ZdSockIo, BytesComeOneByOneThroughAStormOfSignals) {
+    const std::string bytes = distinct_bytes(2000);
+    std::string got(bytes.size(), '\0');
+    std::thread writer([&] { far_sends_byte_by_byte(bytes); });
+    {
+        const SignalStorm storm;
+        EXPECT_EQ(zd_sock_readn_ex(near_, got.data(), 2000, kThrow), 2000);
+    }
+    writer.join();
+    EXPECT_TRUE(got == bytes);
+}
+
 // ---- Single reads
 
 TEST_F(ZdSockIo, SingleReadReturnsWhatIsThere) {
@@ -329,12 +314,172 @@ TEST_F(ZdSockIo, InterruptedSingleReadGoesOn) {
     EXPECT_EQ(result, 2);
 }
 
+TEST_F(ZdSockIo, SingleReadThatWouldBlockIsAFailure) {
+    make_nonblocking(near_);
+    EXPECT_EQ(client_try([&] { zd_sock_read_once_ex(near_, buffer_, 4, 0); }), ERROR_IO);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(client_try([&] { zd_sock_read_once_nonb_ex(near_, buffer_, 4, 0, 0); }), ERROR_IO);
+    EXPECT_EQ(errno, EAGAIN);
+}
+
+TEST_F(ZdSockIo, SingleReadOfANegativeCountFailsAndTouchesNothing) {
+    far_sends("abc");
+    for (const int nbytes : {-1, INT32_MIN}) {
+        EXPECT_EQ(client_try([&] { zd_sock_read_once_ex(near_, buffer_, nbytes, 0); }), ERROR_IO);
+        EXPECT_EQ(client_try([&] { zd_sock_read_once_nonb_ex(near_, buffer_, nbytes, 5, 0); }),
+                  ERROR_IO);
+    }
+    EXPECT_EQ(std::string(buffer_, sizeof buffer_), std::string(sizeof buffer_, '\0'));
+}
+
+TEST_F(ZdSockIo, TimedSingleReadReturnsWhatIsThere) {
+    far_sends("abc");
+    EXPECT_EQ(zd_sock_read_once_nonb_ex(near_, buffer_, 10, 5, MSG_PEEK), 3);
+    EXPECT_EQ(zd_sock_read_once_nonb_ex(near_, buffer_, 2, 5, 0), 2);
+    EXPECT_EQ(std::string(buffer_), "abc") << "two of three were read, and the third peeked";
+    close_far();
+    EXPECT_EQ(zd_sock_read_once_nonb_ex(near_, buffer_, 2, 5, 0), 1);
+    EXPECT_EQ(zd_sock_read_once_nonb_ex(near_, buffer_, 2, 5, 0), 0) << "the end of the stream";
+}
+
+TEST_F(ZdSockIo, TimedSingleReadThrowsWhenTheTimeRunsOut) {
+    EXPECT_EQ(client_try([&] { zd_sock_read_once_nonb_ex(near_, buffer_, 4, 1, 0); }),
+              ERROR_IO_SOCKET_TIMEOUT);
+}
+
+TEST_F(ZdSockIo, TimedSingleReadWaitsBeforeEachAttempt) {
+    far_sends("abc");
+    scripted_recv.answers = {fails_with(EINTR), fails_with(EINTR)};
+    EXPECT_EQ(zd_sock_read_once_nonb_ex(near_, buffer_, 4, 2, 0), 3);
+    EXPECT_THAT(scripted_poll.seen, ElementsAre(2000, 2000, 2000));
+}
+
+TEST_F(ZdSockIo, TimedSingleReadOfZeroSecondsDoesNotWait) {
+    far_sends("abc");
+    EXPECT_EQ(zd_sock_read_once_nonb_ex(near_, buffer_, 4, 0, 0), 3);
+    EXPECT_THAT(scripted_poll.seen, testing::IsEmpty());
+}
+
+// ---- Lines
+
+TEST_F(ZdSockIo, LineEndsAfterItsNewlineAndHasNoZeroByte) {
+    far_sends("one\ntwo\n");
+    memset(buffer_, '#', sizeof buffer_);
+    EXPECT_EQ(zd_sock_read_line(near_, buffer_, 60), 4);
+    EXPECT_EQ(std::string(buffer_, 6), "one\n##");
+    EXPECT_EQ(zd_sock_read_line_nonb(near_, buffer_, 60, 5), 4);
+    EXPECT_EQ(std::string(buffer_, 6), "two\n##");
+}
+
+TEST_F(ZdSockIo, EmptyLineIsItsNewline) {
+    far_sends("\n\n");
+    EXPECT_EQ(zd_sock_read_line(near_, buffer_, 60), 1);
+    EXPECT_EQ(zd_sock_read_line_nonb(near_, buffer_, 1, 0), 1);
+}
+
+TEST_F(ZdSockIo, LineOfExactlyTheBufferIsRead) {
+    far_sends("abc\nabc\n");
+    memset(buffer_, '#', sizeof buffer_);
+    EXPECT_EQ(zd_sock_read_line(near_, buffer_, 4), 4);
+    EXPECT_EQ(zd_sock_read_line_nonb(near_, buffer_, 4, 5), 4);
+    EXPECT_EQ(std::string(buffer_, 5), "abc\n#");
+}
+
+TEST_F(ZdSockIo, LineLongerThanTheBufferFillsItAndGivesMinusOne) {
+    far_sends("abcd\nefgh\n");
+    memset(buffer_, '#', sizeof buffer_);
+    EXPECT_EQ(zd_sock_read_line(near_, buffer_, 4), -1);
+    EXPECT_EQ(std::string(buffer_, 5), "abcd#");
+    EXPECT_EQ(zd_sock_read_line(near_, buffer_, 4), 1) << "the rest of it is still there";
+    EXPECT_EQ(zd_sock_read_line_nonb(near_, buffer_, 4, 5), -1);
+    EXPECT_EQ(std::string(buffer_, 5), "efgh#");
+}
+
+TEST_F(ZdSockIo, LineReadNeverAsksForMoreThanAByte) {
+    far_sends("abc\nrest");
+    EXPECT_EQ(zd_sock_read_line(near_, buffer_, 60), 4);
+    EXPECT_THAT(scripted_recv.seen, ElementsAre(1, 1, 1, 1));
+    EXPECT_EQ(zd_sock_read_once_ex(near_, buffer_, 60, 0), 4);
+}
+
+TEST_F(ZdSockIo, LineReadIntoNoRoomReadsNothing) {
+    far_sends("abc\n");
+    EXPECT_EQ(zd_sock_read_line(near_, nullptr, 0), 0);
+    EXPECT_EQ(zd_sock_read_line_nonb(near_, nullptr, 0, 5), 0);
+    EXPECT_THAT(scripted_recv.seen, testing::IsEmpty());
+    EXPECT_THAT(scripted_poll.seen, testing::IsEmpty());
+}
+
+TEST_F(ZdSockIo, LineReadIntoNegativeRoomIsAFaultOfTheProgram) {
+    const char *const report = "zd_sock_io:[0-9]+: Assertion fail with condition 'len == nbytes'";
+    EXPECT_EXIT(zd_sock_read_line(near_, buffer_, -1), testing::KilledBySignal(SIGABRT), report);
+    EXPECT_EXIT(zd_sock_read_line_nonb(near_, buffer_, -1, 5), testing::KilledBySignal(SIGABRT),
+                report);
+}
+
+TEST_F(ZdSockIo, EndOfStreamEndsALine) {
+    far_sends("abc");
+    close_far();
+    EXPECT_EQ(zd_sock_read_line(near_, buffer_, 60), 3);
+    EXPECT_EQ(std::string(buffer_), "abc");
+    EXPECT_EQ(zd_sock_read_line(near_, buffer_, 60), 0);
+    EXPECT_EQ(zd_sock_read_line_nonb(near_, buffer_, 60, 5), 0);
+}
+
+TEST_F(ZdSockIo, InterruptedLineReadGoesOn) {
+    far_sends("ab\n");
+    scripted_recv.answers = {fails_with(EINTR), asks(), fails_with(EINTR), fails_with(EINTR)};
+    EXPECT_EQ(zd_sock_read_line(near_, buffer_, 60), 3);
+    EXPECT_EQ(std::string(buffer_), "ab\n");
+}
+
+TEST_F(ZdSockIo, LineReadThatWouldBlockIsAFailure) {
+    make_nonblocking(near_);
+    far_sends("ab");
+    EXPECT_EQ(client_try([&] { zd_sock_read_line(near_, buffer_, 60); }), ERROR_IO);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(client_try([&] { zd_sock_read_line_nonb(near_, buffer_, 60, 0); }), ERROR_IO);
+    EXPECT_EQ(errno, EAGAIN);
+}
+
+TEST_F(ZdSockIo, TimedLineReadWaitsBeforeEveryByte) {
+    far_sends("ab\n");
+    EXPECT_EQ(zd_sock_read_line_nonb(near_, buffer_, 60, 4), 3);
+    EXPECT_THAT(scripted_poll.seen, ElementsAre(4000, 4000, 4000));
+    scripted_poll.seen.clear();
+    far_sends("ab\n");
+    EXPECT_EQ(zd_sock_read_line_nonb(near_, buffer_, 60, 0), 3);
+    EXPECT_THAT(scripted_poll.seen, testing::IsEmpty());
+}
+
+TEST_F(ZdSockIo, TimedLineReadThrowsWhenTheNextByteDoesNotCome) {
+    far_sends("ab");
+    EXPECT_EQ(client_try([&] { zd_sock_read_line_nonb(near_, buffer_, 60, 1); }),
+              ERROR_IO_SOCKET_TIMEOUT);
+    EXPECT_EQ(std::string(buffer_), "ab");
+}
+
+TEST_F(ZdSockIo, LinesComeByteByByteThroughAStormOfSignals) {
+    std::thread writer([&] { far_sends_byte_by_byte("first\nsecond\n\nfourth\n"); });
+    std::string lines;
+    {
+        const SignalStorm storm;
+        for (int i = 0; i < 2; i++) {
+            lines.append(buffer_, static_cast<size_t>(zd_sock_read_line(near_, buffer_, 60)));
+            lines.append(buffer_,
+                         static_cast<size_t>(zd_sock_read_line_nonb(near_, buffer_, 60, 60)));
+        }
+    }
+    writer.join();
+    EXPECT_EQ(lines, "first\nsecond\n\nfourth\n");
+}
+
 // ---- Writes
 
 TEST_F(ZdSockIo, NothingIsWrittenForACountBelowOne) {
     for (const int nbytes : {0, -1, INT32_MIN})
         EXPECT_EQ(zd_sock_writen_ex(near_, "abc", nbytes, 0, kThrow, 0), 0);
-    close(near_);
+    close_near();
     EXPECT_EQ(far_receives(1), "");
 }
 
@@ -345,9 +490,7 @@ TEST_F(ZdSockIo, WholeWriteReturnsZeroNotTheCount) {
 
 TEST_F(ZdSockIo, WholeWriteGoesOnWhenTheBufferIsFull) {
     make_nonblocking(near_);
-    std::string bytes(4 << 20, '\0');
-    for (size_t i = 0; i < bytes.size(); i++)
-        bytes[i] = static_cast<char>(i * 2654435761u >> 16);
+    const std::string bytes = distinct_bytes(4 << 20);
     int result = -2;
     std::thread writer([&] {
         result =
@@ -442,6 +585,58 @@ TEST_F(ZdSockIo, SingleWriteWaitsForRoomOnANonblockingDescriptor) {
     writer.wait();
     EXPECT_EQ(sent, 3);
     EXPECT_EQ(bytes.substr(filled), "abc");
+}
+
+TEST_F(ZdSockIo, WriteRetriesWhatWasInterruptedAndWaitsForRoom) {
+    scripted_send.answers = {fails_with(EINTR), takes(2), fails_with(EAGAIN), takes(1),
+                             fails_with(EINTR)};
+    EXPECT_EQ(zd_sock_writen_ex(near_, "abcdef", 6, 0, kThrow, 0), 0);
+    EXPECT_THAT(scripted_send.seen, ElementsAre(6, 6, 4, 4, 3, 3));
+    EXPECT_THAT(scripted_poll.seen, ElementsAre(-1));
+    EXPECT_EQ(far_receives(6), "abcdef");
+}
+
+TEST_F(ZdSockIo, SendOfNothingIsAFailureUnlessErrnoSaysOtherwise) {
+    testing::internal::CaptureStderr();
+    scripted_send.answers = {claims(0, EINTR), claims(0, EAGAIN), claims(0)};
+    errno = EINTR;
+    EXPECT_EQ(zd_sock_writen_ex(7, "abc", 3, 0, kNothrow, 1), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "zd_sock_writen error. fd:7 nbytes:3 nleft:3 nwritten:0 errno:0\n");
+    EXPECT_EQ(scripted_send.seen.size(), 3u);
+}
+
+TEST_F(ZdSockIo, CauseOfAFailedWriteOutlivesItsTrace) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(zd_sock_writen_ex(-1, "abc", 3, 0, kNothrow, 1), -1);
+    EXPECT_EQ(errno, EBADF);
+    testing::internal::GetCapturedStderr();
+}
+
+TEST_F(ZdSockIo, ResetWhileWritingIsAFailure) {
+    use_tcp();
+    reset_far();
+    EXPECT_EQ(zd_sock_writen_ex(near_, "abc", 3, MSG_NOSIGNAL, kNothrow, 0), -1);
+    EXPECT_THAT(errno, testing::AnyOf(ECONNRESET, EPIPE));
+}
+
+TEST_F(ZdSockIo, MegabytesGoOutWholeThroughAStormOfSignals) {
+    const std::string bytes = distinct_bytes(1 << 20);
+    std::string got;
+    std::thread reader([&] { got = far_receives(bytes.size()); });
+    {
+        const SignalStorm storm;
+        EXPECT_EQ(zd_sock_writen_ex(near_, bytes.data(), 1 << 20, 0, kThrow, 0), 0);
+    }
+    reader.join();
+    EXPECT_TRUE(got == bytes);
+}
+
+TEST_F(ZdSockIo, SingleWriteOfANegativeCountFailsAndSendsNothing) {
+    for (const int nbytes : {-1, INT32_MIN})
+        EXPECT_EQ(client_try([&] { zd_sock_write_once_ex(near_, "abc", nbytes, 0); }), ERROR_IO);
+    close_near();
+    EXPECT_EQ(far_receives(1), "");
 }
 
 TEST_F(ZdSockIo, SingleWriteOfNothingFailsWhateverErrnoWasBefore) {
