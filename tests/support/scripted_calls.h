@@ -8,10 +8,12 @@
 #include <errno.h>
 #include <poll.h>
 #include <stdarg.h>
+#include <stdint.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
+#include <x86intrin.h>
 
 #include <deque>
 #include <vector>
@@ -19,27 +21,34 @@
 struct Answer {
     enum class Kind { fails, takes, claims, asks } kind;
     long value;
-    int error; // left in errno, unless 0
+    int error;          // left in errno, unless 0
+    uint64_t ticks = 0; // that the processor's counter goes on by meanwhile, at least
 };
 
 // The call fails, and the system never hears of it.
 inline Answer fails_with(int error) {
-    return {Answer::Kind::fails, -1, error};
+    return {Answer::Kind::fails, -1, error, 0};
 }
 
 // The system is asked, with so many bytes at most; errno is then set, whatever came of it.
 inline Answer takes(long bytes, int error = 0) {
-    return {Answer::Kind::takes, bytes, error};
+    return {Answer::Kind::takes, bytes, error, 0};
 }
 
 // The call returns the value, and the system never hears of it.
 inline Answer claims(long value, int error = 0) {
-    return {Answer::Kind::claims, value, error};
+    return {Answer::Kind::claims, value, error, 0};
 }
 
 // The system is asked.
 inline Answer asks() {
-    return {Answer::Kind::asks, 0, 0};
+    return {Answer::Kind::asks, 0, 0, 0};
+}
+
+// The same, after so many ticks of the processor's counter.
+inline Answer later(Answer answer, uint64_t ticks) {
+    answer.ticks = ticks;
+    return answer;
 }
 
 struct ScriptedCall {
@@ -55,6 +64,8 @@ struct ScriptedCall {
             next = answers.front();
             answers.pop_front();
         }
+        for (const uint64_t start = __rdtsc(); next.ticks != 0 && __rdtsc() - start <= next.ticks;)
+            continue;
         const bool goes_out = next.kind == Answer::Kind::takes || next.kind == Answer::Kind::asks;
         const long result =
             goes_out ? ask(next.kind == Answer::Kind::takes ? next.value : -1L) : next.value;
