@@ -9,6 +9,7 @@
 #include <poll.h>
 #include <stdarg.h>
 #include <stdint.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -91,11 +92,13 @@ inline thread_local ScriptedCall scripted_listen;
 inline thread_local ScriptedCall scripted_connect;
 inline thread_local ScriptedCall scripted_accept;
 inline thread_local ScriptedCall scripted_getsockopt;
+inline thread_local ScriptedCall scripted_ioctl;
 
 inline void clear_scripts() {
-    for (ScriptedCall *call : {&scripted_recv, &scripted_send, &scripted_writev, &scripted_poll,
-                               &scripted_fcntl, &scripted_socket, &scripted_bind, &scripted_listen,
-                               &scripted_connect, &scripted_accept, &scripted_getsockopt})
+    for (ScriptedCall *call :
+         {&scripted_recv, &scripted_send, &scripted_writev, &scripted_poll, &scripted_fcntl,
+          &scripted_socket, &scripted_bind, &scripted_listen, &scripted_connect, &scripted_accept,
+          &scripted_getsockopt, &scripted_ioctl})
         call->clear();
 }
 
@@ -169,6 +172,16 @@ int accept(int fd, struct sockaddr *address, socklen_t *size) {
 int getsockopt(int fd, int level, int option, void *value, socklen_t *size) noexcept {
     return static_cast<int>(scripted_getsockopt.answer(
         option, [&](long) { return syscall(SYS_getsockopt, fd, level, option, value, size); }));
+}
+
+int ioctl(int fd, unsigned long request, ...) noexcept {
+    va_list arguments;
+    va_start(arguments, request);
+    void *const argument = va_arg(arguments, void *);
+    va_end(arguments);
+    return static_cast<int>(scripted_ioctl.answer(static_cast<long>(request), [&](long) {
+        return syscall(SYS_ioctl, fd, request, argument);
+    }));
 }
 
 } // extern "C"
