@@ -69,7 +69,7 @@ int run(int flags, Body body) {
     do {                                                                                           \
         const int namespace_status = namespaces::run(flags, __VA_ARGS__);                          \
         if (namespace_status == namespaces::kRefused)                                              \
-            GTEST_SKIP() << "this machine refuses a namespace, or a device in it";             \
+            GTEST_SKIP() << "this machine refuses a namespace, or a device in it";                 \
         EXPECT_EQ(namespace_status, 0) << "failed in the namespace";                               \
     } while (false)
 

@@ -29,6 +29,7 @@ constexpr size_t kPathTailSize = 96; // time, process id and ".log" behind direc
 constexpr size_t kDirLimit = 256;    // zd_create_dir takes no longer names, with the terminator
 constexpr char kBackupDir[] = "/backup";
 constexpr char kBooksFile[] = "/.backup.info";
+constexpr char kNewBooks[] = "0\n0\n0\n";
 
 // Where failures are raised. Readers of the reports compare these.
 enum report_line {
@@ -84,18 +85,26 @@ void write_books(const client_log_hdl_t *hdl, const backup_books &books) {
     }
 }
 
+// Makes the books unless they are there. What another process enters at the same moment must stay:
+// it is at the start of the file, where it is read, and the zeros go to the end.
+void make_books(const char *path) {
+    const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_APPEND, 0666);
+    if (fd < 0)
+        return;
+    // If there is no room, empty books do as well.
+    while (write(fd, kNewBooks, sizeof kNewBooks - 1) < 0 && errno == EINTR)
+        continue;
+    close(fd);
+}
+
 void open_books(client_log_hdl_t *hdl) {
     char path[sizeof hdl->dirpath + sizeof kBooksFile];
     snprintf(path, sizeof path, "%s%s", hdl->dirpath, kBooksFile);
     hdl->backup_info_fp = fopen(path, "r+");
     if (hdl->backup_info_fp != nullptr)
         return;
-    // "x": of two processes that start together, the second must not wipe the first one's books.
-    hdl->backup_info_fp = fopen(path, "w+x");
-    if (hdl->backup_info_fp != nullptr)
-        write_books(hdl, {0, 0, 0});
-    else if (errno == EEXIST)
-        hdl->backup_info_fp = fopen(path, "r+");
+    make_books(path);
+    hdl->backup_info_fp = fopen(path, "r+");
 }
 
 // ---- the log file ----

@@ -100,7 +100,8 @@ ZD_API int client_log_hdl_set_log_attr(client_log_hdl_t *hdl, const char *prefix
 
 // Writes a line unless hdl is NULL or lvl is above its maximum, after moving a file away that has
 // grown past its size. filename and line are not used. Of a message that cannot be formatted (an
-// invalid wide character) the bare format is written. Throws when memory for the line runs out.
+// invalid wide character) the bare format is written. A line for which the file system has no room
+// is lost, which nothing reports. Throws when memory for the line runs out.
 ZD_API void client_log_write(client_log_hdl_t *hdl, client_log_lvl_t lvl, const char *filename,
                              int line, const char *format, ...) ZD_PRINTF(5, 6);
 
