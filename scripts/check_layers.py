@@ -17,7 +17,7 @@ import sys
 # Lowest first: (name of the layer, its units).
 LAYERS = (
     ("base", """
-        common/zd_base  common/zd_env  common/list
+        common/zd_base  common/zd_env  common/list  common/zd_type
         common/alloc/allocator  common/alloc/alloc_mutex  common/alloc/region_assert
         common/zdmsg/zdmsg_record  common/zdmsg/zdmsg_field
         client/common/client_assert  client/common/client_try
@@ -50,6 +50,7 @@ LAYERS = (
         common/zd_network  common/zd_network_fifo  common/zd_network_socket
         client/common/client_util  client/common/client_scan  client/common/client_daemon
         client/common/log/client_log
+        common/literal  common/literal_scan
         common/literal_scanner  common/literal_sjis_scanner  common/lit_cnv
     """),
     ("wire", """

@@ -9,7 +9,7 @@ usage: scripts/setup.sh [GROUP...]
 
 Installs what is missing of the named groups, as root or through sudo.
 
-  build     compiler, CMake, Ninja, Python (part of every other group; the default)
+  build     compiler, CMake, Ninja, Python, flex (part of every other group; the default)
   test      GoogleTest, debugger, OpenSSL, unwinder, ELF tools, ps: for scripts/test.sh
   lint      clang-format and clang-tidy: for scripts/lint.sh
   fuzz      Clang and its fuzzer run-time
@@ -22,14 +22,14 @@ END
 
 packages_of() {
     case $1 in
-    build) echo g++ cmake ninja-build python3 ;;
+    build) echo g++ cmake ninja-build python3 flex ;;
     test)
         echo libgtest-dev libgmock-dev libunwind-dev gdb libssl-dev
         echo binutils pkg-config man-db dpkg-dev file procps
         ;;
     lint) echo clang clang-format clang-tidy git ;;
     fuzz) echo clang libclang-rt-14-dev ;;
-    bench) echo libbenchmark-dev libffi-dev libtalloc-dev libapr1-dev pkg-config ;;
+    bench) echo libbenchmark-dev libffi-dev libtalloc-dev libapr1-dev libpg-query-dev pkg-config ;;
     package) echo dpkg-dev file ;;
     *) return 1 ;;
     esac

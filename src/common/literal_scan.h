@@ -1,0 +1,64 @@
+// What the two generated scanners have in common behind their rules: reading the record, recording
+// literals, marking bind names, keeping memory and place. Only literal_scanner.l calls these.
+
+#ifndef LITERAL_SCAN_H
+#define LITERAL_SCAN_H
+
+#include "common/literal.h"
+#include "common/literal_scanner.h"
+
+#ifdef __cplusplus
+
+// Lies before the generated scanner in its block.
+struct literal_scanner_head_t {
+    allocator_t *alloc; // NULL: the process heap
+    int line;
+    int column;
+};
+
+inline literal_scanner_head_t *literal_scanner_head(yyscan_t scanner) {
+    return static_cast<literal_scanner_head_t *>(scanner) - 1;
+}
+
+// A scanner of size bytes, all 0, behind its head; NULL when the process heap has none left.
+yyscan_t literal_scanner_new(allocator_t *alloc, size_t size);
+// The scanner's further memory; what cannot be had is thrown. Without a scanner it is memory for one
+// out of the process heap, with room for the head before it, and NULL when there is none.
+void *literal_scanner_alloc(size_t size, yyscan_t scanner);
+void *literal_scanner_realloc(void *block, size_t size, yyscan_t scanner);
+// block may be the scanner itself.
+void literal_scanner_free(void *block, yyscan_t scanner);
+// The scan went over so much text.
+void literal_scanner_move_place(yyscan_t scanner, const char *text, int length);
+
+// Copies the next piece of the statement, or as many as double what was kept, into the buffer.
+// Returns the number of bytes, 0 at the end of the statement.
+int literal_read(literal_scanner_extra_t *extra, char *buffer, ptrdiff_t kept, int room);
+
+// Records the literal of length bytes at text + offset, unless it is too short for big_lit_only.
+// literal_cnt counts those that were recorded.
+void literal_add(literal_scanner_extra_t *extra, const char *text, int offset, int length,
+                 zd_type_t type, int *literal_cnt);
+// Frees what was recorded; the list is then empty.
+void literal_drop_all(literal_scanner_extra_t *extra);
+
+// Without the "e", "E", "e+", ... at its end.
+inline int literal_number_length(const char *text, int length) {
+    return length - ((text[length - 1] | 0x20) == 'e' ? 1 : 2);
+}
+
+inline zd_type_t literal_quoted_type(const char *text) {
+    return *text == '\'' ? ZD_TYPE_CHAR : ZD_TYPE_NCHAR;
+}
+
+// name is the part behind the colon or the opening quote. The quoted forms are those that
+// the replacement itself generates, in capitals: other spellings of theirs count less, or not.
+void bind_name_mark_b(auto_param_info_t *info, const char *name);
+void bind_name_mark_quoted_b(auto_param_info_t *info, const char *name);
+void bind_name_mark_alpha4(auto_param_info_t *info, const char *name);
+void bind_name_mark_quoted_alpha4(auto_param_info_t *info, const char *name);
+void bind_name_mark_quoted_sys(auto_param_info_t *info, const char *name);
+
+#endif
+
+#endif
