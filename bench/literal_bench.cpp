@@ -1,7 +1,7 @@
-// What does it cost to take the literals out of a statement? A whole conversion (the list, a prefix,
-// the new text) of everyday statements, beside a parser's own way to the same end and beside the
-// least that anybody can do, which is to look at every byte once. And whether the cost of a literal
-// depends on its length, or on how many there are.
+// What does it cost to take the literals out of a statement? A whole conversion (the list, a
+// prefix, the new text) of everyday statements, beside a parser's own way to the same end and
+// beside the least that anybody can do, which is to look at every byte once. And whether the cost
+// of a literal depends on its length, or on how many there are.
 //
 // Both converters put their memory into a context that is emptied after each statement.
 

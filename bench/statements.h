@@ -99,7 +99,8 @@ inline constexpr const char *kStatements[] = {
     "cust_nation, l_year ORDER BY supp_nation, cust_nation, l_year",
 
     "/*\n"
-    " * Stock that moves too slowly. Kept as one statement so that the plan can be pinned; see the\n"
+    " * Stock that moves too slowly. Kept as one statement so that the plan can be pinned; see "
+    "the\n"
     " * notes of the warehouse team before changing the thresholds.\n"
     " */\n"
     "SELECT w.\"Name\" AS warehouse, p.sku, p.name, i.quantity,\n"

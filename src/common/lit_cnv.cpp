@@ -17,9 +17,9 @@ const zdstr_charset_info_t _charset_info[ZDSTR_CHARSET_MAX] = {
     {ZD_SCANNER_ID_COMMON_ASCII}, // MSWIN949
     {ZD_SCANNER_ID_COMMON_ASCII}, // UTF8
     {ZD_SCANNER_ID_COMMON_ASCII}, // UTF16
-    {ZD_SCANNER_ID_SJIS}, // SJIS
-    {ZD_SCANNER_ID_SJIS}, // MSWIN932
-    {ZD_SCANNER_ID_SJIS}, // MSWIN932_TILDE
+    {ZD_SCANNER_ID_SJIS},         // SJIS
+    {ZD_SCANNER_ID_SJIS},         // MSWIN932
+    {ZD_SCANNER_ID_SJIS},         // MSWIN932_TILDE
     {ZD_SCANNER_ID_COMMON_ASCII}, // EUCJP
     {ZD_SCANNER_ID_COMMON_ASCII}, // EUCJP_TILDE
     {ZD_SCANNER_ID_COMMON_ASCII}, // TCVN3
@@ -128,8 +128,8 @@ listc_t *lit_cnv_get_literal_list(char *stmt, uchar big_lit_only, auto_param_inf
     yyscan_t scan;
     scanner->init(alloc, &scan);
     literal_scanner_extra_t extra = {
-        alloc, stmt, static_cast<unsigned int>(strlen(stmt)), listc_new(alloc), big_lit_only,
-        ap_info};
+        alloc,        stmt,   static_cast<unsigned int>(strlen(stmt)), listc_new(alloc),
+        big_lit_only, ap_info};
     memset(ap_info, 0, sizeof *ap_info);
     ap_info->alpha4[0] = kFirstLettersTaken;
     scanner->set_extra(&extra, scan);
@@ -171,8 +171,7 @@ char *lit_cnv_get_replaced_sql(char *stmt, char *param_prefix, listc_t *literal_
     const int name_length = static_cast<int>(strlen(param_prefix)) + digits + 1;
     const int64_t stmt_length = static_cast<int64_t>(strlen(stmt));
     const int64_t length = stmt_length - literal_bytes + int64_t{count} * name_length;
-    char *const replaced =
-        static_cast<char *>(zd_malloc(alloc, length + 1, "lit_cnv", __LINE__));
+    char *const replaced = static_cast<char *>(zd_malloc(alloc, length + 1, "lit_cnv", __LINE__));
 
     const char *from = stmt;
     char *to = replaced;

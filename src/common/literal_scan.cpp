@@ -1,5 +1,6 @@
 #include "common/literal_scan.h"
 
+#include <emmintrin.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -11,6 +12,7 @@ namespace {
 constexpr int kBigLiteral = 65536;
 constexpr int kPiece = 8192;
 constexpr int kDigitsMax = 32; // that have a bit
+constexpr int kShortString = 64;
 
 [[noreturn]] void throw_out_of_memory() {
     zd_err_and_jmp("literal_scan", __LINE__, "throw_out_of_memory", 0, 0,
@@ -33,14 +35,92 @@ void mark_letter(auto_param_info_t *info, int place, char letter) {
     info->alpha4[place] |= static_cast<int>(1U << ((letter - 'A') % 32));
 }
 
+bool is_word_char(char c) {
+    return is_letter(c) || is_digit(c) || c == '_' || c == '$' || c == '#';
+}
+
+// What the bytes of a stride are, one bit for each.
+struct stride_t {
+    uint64_t word;         // letters, digits and the signs that a word may have
+    uint64_t no_beginning; // those of them with which no word begins
+    uint64_t stop;         // a rule may care for it wherever it stands
+};
+constexpr int kStride = 32;
+
+__m128i equal(__m128i bytes, char c) {
+    return _mm_cmpeq_epi8(bytes, _mm_set1_epi8(c));
+}
+
+__m128i between(__m128i bytes, char first, char last) {
+    const __m128i above = _mm_sub_epi8(bytes, _mm_set1_epi8(first));
+    const __m128i bounded = _mm_min_epu8(above, _mm_set1_epi8(static_cast<char>(last - first)));
+    return _mm_cmpeq_epi8(above, bounded);
+}
+
+uint64_t mask_of(__m128i bytes) {
+    return static_cast<unsigned>(_mm_movemask_epi8(bytes));
+}
+
+__m128i load(const char *at) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i *>(at));
+}
+
+[[gnu::always_inline]] inline stride_t half_stride(const char *at) {
+    const __m128i bytes = load(at);
+    const __m128i before = load(at - 1);
+    const __m128i no_beginning = _mm_or_si128(between(bytes, '0', '9'), between(bytes, '#', '$'));
+    const __m128i letters = between(_mm_or_si128(bytes, _mm_set1_epi8(0x20)), 'a', 'z');
+    const __m128i word = _mm_or_si128(_mm_or_si128(letters, equal(bytes, '_')), no_beginning);
+    const __m128i quotes = _mm_or_si128(equal(bytes, '\''), equal(bytes, '"'));
+    const __m128i dashes = _mm_and_si128(equal(bytes, '-'), equal(before, '-'));
+    const __m128i comments = _mm_and_si128(equal(bytes, '*'), equal(before, '/'));
+    const __m128i pairs = _mm_or_si128(dashes, comments);
+    // The sign bit of bytes above 127 is taken over as it is.
+    const __m128i stop =
+        _mm_or_si128(_mm_or_si128(quotes, equal(bytes, ':')), _mm_or_si128(pairs, bytes));
+    return {mask_of(word), mask_of(no_beginning), mask_of(stop)};
+}
+
+[[gnu::always_inline]] inline stride_t stride(const char *at) {
+    const stride_t low = half_stride(at);
+    const stride_t high = half_stride(at + 16);
+    return {low.word | high.word << 16, low.no_beginning | high.no_beginning << 16,
+            low.stop | high.stop << 16};
+}
+
+// Back from the end of the buffer, to the beginning of what may go on behind it.
+const char *beginning_of_open(const char *end, const char *at) {
+    const char *open = end;
+    while (open > at && is_word_char(open[-1]))
+        open--;
+    if (open == end && end > at && (end[-1] == '-' || end[-1] == '/' || end[-1] == '.'))
+        open--;
+    return open;
+}
+
+// Back from a byte that stopped the strides, to the beginning of what it belongs to.
+const char *beginning_of(const char *stop, const char *at) {
+    if (stop == at)
+        return at;
+    const char last = stop[-1];
+    if (*stop == '\'' && (last | 0x20) == 'n')
+        return stop - 1 > at && is_word_char(stop[-2]) ? stop : stop - 1;
+    const bool is_pair = *stop == '-' || *stop == '*' || (is_digit(*stop) && last == '.');
+    return is_pair ? stop - 1 : stop;
+}
+
+const char *find(const char *at, const char *end, char c) {
+    return at < end ? static_cast<const char *>(memchr(at, c, static_cast<size_t>(end - at)))
+                    : nullptr;
+}
+
 } // namespace
 
 yyscan_t literal_scanner_new(allocator_t *alloc, size_t size) {
     const size_t whole = sizeof(literal_scanner_head_t) + size;
     void *const block =
-        alloc == nullptr
-            ? malloc(whole)
-            : zd_malloc(alloc, static_cast<int64_t>(whole), "literal_scan", __LINE__);
+        alloc == nullptr ? malloc(whole)
+                         : zd_malloc(alloc, static_cast<int64_t>(whole), "literal_scan", __LINE__);
     if (block == nullptr)
         return nullptr;
     memset(block, 0, whole);
@@ -117,6 +197,56 @@ int literal_read(literal_scanner_extra_t *extra, char *buffer, ptrdiff_t kept, i
         total += piece;
     }
     return static_cast<int>(total);
+}
+
+const char *literal_pass_inert(const char *at, const char *start, const char *end, bool is_last) {
+    if (end - start <= kStride)
+        return at;
+    const char *place = at;
+    uint64_t in_word = 0; // 1: the byte before place is of a word
+    for (;;) {
+        // The last stride ends with the buffer; what lies before place is shifted out of it.
+        const ptrdiff_t left = end - place;
+        const ptrdiff_t passed = left < kStride ? kStride - left : 0;
+        const stride_t bytes = stride(place - passed);
+        const uint64_t word = bytes.word >> passed;
+        const uint64_t stops =
+            (bytes.no_beginning >> passed & ~(word << 1 | in_word)) | bytes.stop >> passed;
+        if (stops != 0)
+            return beginning_of(place + __builtin_ctzll(stops), at);
+        if (passed > 0)
+            return is_last ? end : beginning_of_open(end, at);
+        in_word = word >> (kStride - 1);
+        place += kStride;
+    }
+}
+
+const char *literal_short_string_end(const char *at, const char *end) {
+    // The byte behind the quote must be there, to show that it is no second one.
+    const char *const last = end - at > kShortString ? at + kShortString : end - 1;
+    if (last <= at)
+        return nullptr;
+    const char *const quote = find(at, last, '\'');
+    return quote != nullptr && quote[1] != '\'' ? quote + 1 : nullptr;
+}
+
+const char *literal_name_end(const char *at, const char *end) {
+    const char *const quote = find(at, end, '"');
+    return quote != nullptr ? quote + 1 : nullptr;
+}
+
+const char *literal_line_end(const char *at, const char *end) {
+    const char *const newline = find(at, end, '\n');
+    return newline != nullptr ? newline + 1 : nullptr;
+}
+
+const char *literal_comment_end(const char *at, const char *end) {
+    const char *star = at;
+    while ((star = find(star, end - 1, '*')) != nullptr) {
+        if (*++star == '/')
+            return star + 1;
+    }
+    return nullptr;
 }
 
 void literal_add(literal_scanner_extra_t *extra, const char *text, int offset, int length,

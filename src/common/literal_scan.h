@@ -22,8 +22,8 @@ inline literal_scanner_head_t *literal_scanner_head(yyscan_t scanner) {
 
 // A scanner of size bytes, all 0, behind its head; NULL when the process heap has none left.
 yyscan_t literal_scanner_new(allocator_t *alloc, size_t size);
-// The scanner's further memory; what cannot be had is thrown. Without a scanner it is memory for one
-// out of the process heap, with room for the head before it, and NULL when there is none.
+// The scanner's further memory; what cannot be had is thrown. Without a scanner it is memory for
+// one out of the process heap, with room for the head before it, and NULL when there is none.
 void *literal_scanner_alloc(size_t size, yyscan_t scanner);
 void *literal_scanner_realloc(void *block, size_t size, yyscan_t scanner);
 // block may be the scanner itself.
@@ -34,6 +34,18 @@ void literal_scanner_move_place(yyscan_t scanner, const char *text, int length);
 // Copies the next piece of the statement, or as many as double what was kept, into the buffer.
 // Returns the number of bytes, 0 at the end of the statement.
 int literal_read(literal_scanner_extra_t *extra, char *buffer, ptrdiff_t kept, int room);
+
+// The first place from at on that one of the rules may care for; what lies before it are whole
+// words and signs that none of them does. Requires that at is behind a token, in the buffer from
+// start to end. Unless that is the last one, what text behind it could change is left in place.
+const char *literal_pass_inert(const char *at, const char *start, const char *end, bool is_last);
+
+// Where what was opened before at ends: behind the closing quote, the newline, the "*/". NULL when
+// that is not to be seen between at and end; of strings, no more than a short piece is looked at.
+const char *literal_short_string_end(const char *at, const char *end);
+const char *literal_name_end(const char *at, const char *end);
+const char *literal_line_end(const char *at, const char *end);
+const char *literal_comment_end(const char *at, const char *end);
 
 // Records the literal of length bytes at text + offset, unless it is too short for big_lit_only.
 // literal_cnt counts those that were recorded.

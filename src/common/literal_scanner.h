@@ -27,7 +27,8 @@ typedef struct yy_buffer_state *YY_BUFFER_STATE;
 //     ERROR_OUT_OF_PHYSICAL_MEM.
 // lex  scans to the end of the text, or to where the statement turns out not to be convertible, and
 //     returns 0. The text is what the record has, or what one of the _scan_ operations set before.
-// get_lineno, get_column  the place where lex ended: lines from 1, bytes of the line before it. What
+// get_lineno, get_column  the place where lex ended: lines from 1, bytes of the line before it.
+// What
 //     set_lineno and set_column gave is where counting begins.
 // alloc, realloc, free  the scanner's memory. A NULL scanner means the process heap.
 //

@@ -82,12 +82,23 @@ class LedgerAllocator {
             free(ptr);
     }
 
+    static void *resize(allocator_t *alloc, void *ptr, int64_t bytes, const char *file, int line) {
+        LedgerAllocator *const ledger = owner(alloc);
+        void *const moved = allocate(alloc, bytes, file, line);
+        if (moved == nullptr)
+            return nullptr;
+        const int64_t before = ledger->out_[ptr];
+        memcpy(moved, ptr, static_cast<size_t>(before < bytes ? before : bytes));
+        give_back(alloc, ptr, file, line);
+        return moved;
+    }
+
     static void raise(allocator_t *alloc) {
         owner(alloc)->thrown++;
         zd_err_and_jmp("test", 1, "raise", 0, 0, -3003);
     }
 
-    inline static const allocator_desc_t kDesc = {allocate,  allocate, nullptr, nullptr,
+    inline static const allocator_desc_t kDesc = {allocate,  allocate, nullptr, resize,
                                                   give_back, nullptr,  nullptr, raise};
 
     Record allocator_;
