@@ -61,6 +61,13 @@ int digits_for(int count) {
     return digits;
 }
 
+// A number that is no character set's has the scanner that most have.
+const lit_scanner_wrap_t *scanner_for(zdstr_charset_t charset) {
+    const bool is_known = charset >= 0 && charset < ZDSTR_CHARSET_MAX;
+    return &lit_scanner[is_known ? _charset_info[charset].scanner_id_type
+                                 : ZD_SCANNER_ID_COMMON_ASCII];
+}
+
 literal_t *literal_of(list_link_t *link) {
     return static_cast<literal_t *>(reinterpret_cast<listc_t *>(link)->data);
 }
@@ -124,7 +131,7 @@ listc_t *lit_cnv_get_literal_list(char *stmt, uchar big_lit_only, auto_param_inf
                                   zdstr_charset_t charset, allocator_t *alloc) {
     ZD_ASSERT("lit_cnv", alloc != NULL);
     ZD_ASSERT("lit_cnv", stmt != NULL);
-    const lit_scanner_wrap_t *const scanner = &lit_scanner[_charset_info[charset].scanner_id_type];
+    const lit_scanner_wrap_t *const scanner = scanner_for(charset);
     yyscan_t scan;
     scanner->init(alloc, &scan);
     literal_scanner_extra_t extra = {
