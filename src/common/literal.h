@@ -1,6 +1,5 @@
-// What a scan of SQL text leaves behind: the literals, the bind names that are already taken, and
-// the record through which a scanner is fed and reports. Below them, what the two scanners do when
-// they meet something; the rules by which they meet it are in literal_scanner.l.
+// What a scan of SQL text leaves behind: the literals, and the bind names that are already taken;
+// and the record through which a scanner is fed and reports.
 
 #ifndef LITERAL_H
 #define LITERAL_H

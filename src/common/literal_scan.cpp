@@ -19,6 +19,17 @@ constexpr int kShortString = 64;
                    ERROR_OUT_OF_PHYSICAL_MEM);
 }
 
+// Blocks in the room are never given back one by one.
+constexpr size_t kFirstRoom = 16640;
+
+size_t rounded(size_t size) {
+    return (size + 15) & ~size_t{15};
+}
+
+bool is_in_room(const void *block, const literal_scanner_head_t *head) {
+    return block >= head + 1 && block < head->room_end && block != head + 1;
+}
+
 bool is_letter(char c) {
     return static_cast<unsigned>((c | 0x20) - 'a') < 26;
 }
@@ -116,62 +127,89 @@ const char *find(const char *at, const char *end, char c) {
 
 } // namespace
 
-yyscan_t literal_scanner_new(allocator_t *alloc, size_t size) {
-    const size_t whole = sizeof(literal_scanner_head_t) + size;
+void *literal_scanner_new(allocator_t *alloc, size_t size) {
+    const size_t used = sizeof(literal_scanner_head_t) + rounded(size);
+    const size_t whole = used + kFirstRoom;
     void *const block =
         alloc == nullptr ? malloc(whole)
                          : zd_malloc(alloc, static_cast<int64_t>(whole), "literal_scan", __LINE__);
     if (block == nullptr)
         return nullptr;
-    memset(block, 0, whole);
+    memset(block, 0, used);
     literal_scanner_head_t *const head = static_cast<literal_scanner_head_t *>(block);
     head->alloc = alloc;
+    head->room = static_cast<char *>(block) + used;
+    head->room_end = static_cast<char *>(block) + whole;
     head->line = 1;
     return head + 1;
 }
 
-void *literal_scanner_alloc(size_t size, yyscan_t scanner) {
+void *literal_scanner_alloc(size_t size, void *scanner) {
     if (scanner == nullptr)
         return literal_scanner_new(nullptr, size);
-    allocator_t *const alloc = literal_scanner_head(scanner)->alloc;
-    if (alloc != nullptr)
-        return zd_malloc(alloc, static_cast<int64_t>(size), "literal_scan", __LINE__);
+    literal_scanner_head_t *const head = literal_scanner_head(scanner);
+    if (size <= static_cast<size_t>(head->room_end - head->room)) {
+        void *const block = head->room;
+        head->room += rounded(size);
+        return block;
+    }
+    if (head->alloc != nullptr)
+        return zd_malloc(head->alloc, static_cast<int64_t>(size), "literal_scan", __LINE__);
     void *const block = malloc(size);
     if (block == nullptr)
         throw_out_of_memory();
     return block;
 }
 
-void *literal_scanner_realloc(void *block, size_t size, yyscan_t scanner) {
+static void *heap_scanner_resized(void *scanner, size_t size) {
+    literal_scanner_head_t *const head = literal_scanner_head(scanner);
+    const size_t had = static_cast<size_t>(head->room - static_cast<char *>(scanner));
+    void *const moved = literal_scanner_new(nullptr, size);
+    if (moved == nullptr)
+        return nullptr;
+    memcpy(moved, scanner, had < size ? had : size);
+    free(head);
+    return moved;
+}
+
+void *literal_scanner_realloc(void *block, size_t size, void *scanner) {
     if (block == nullptr)
         return literal_scanner_alloc(size, scanner);
-    if (scanner == nullptr) {
-        const size_t whole = sizeof(literal_scanner_head_t) + size;
-        void *const moved = realloc(literal_scanner_head(block), whole);
-        return moved == nullptr ? nullptr : static_cast<literal_scanner_head_t *>(moved) + 1;
+    if (scanner == nullptr)
+        return heap_scanner_resized(block, size);
+    const literal_scanner_head_t *const head = literal_scanner_head(scanner);
+    if (is_in_room(block, head)) {
+        void *const moved = literal_scanner_alloc(size, scanner);
+        const size_t left = static_cast<size_t>(head->room_end - static_cast<char *>(block));
+        return memmove(moved, block, left < size ? left : size); // at least what it holds
     }
-    allocator_t *const alloc = literal_scanner_head(scanner)->alloc;
-    if (alloc != nullptr)
-        return zd_realloc(alloc, block, static_cast<int64_t>(size), "literal_scan", __LINE__);
+    if (head->alloc != nullptr)
+        return zd_realloc(head->alloc, block, static_cast<int64_t>(size), "literal_scan", __LINE__);
     void *const moved = realloc(block, size);
     if (moved == nullptr)
         throw_out_of_memory();
     return moved;
 }
 
-void literal_scanner_free(void *block, yyscan_t scanner) {
+void literal_scanner_free(void *block, void *scanner) {
     if (block == nullptr)
         return;
-    allocator_t *const alloc = scanner == nullptr ? nullptr : literal_scanner_head(scanner)->alloc;
-    if (scanner == nullptr || block == scanner)
-        block = literal_scanner_head(block);
-    if (alloc != nullptr)
-        zd_free(alloc, block, "literal_scan", __LINE__);
+    if (scanner == nullptr) {
+        free(literal_scanner_head(block));
+        return;
+    }
+    literal_scanner_head_t *const head = literal_scanner_head(scanner);
+    if (is_in_room(block, head))
+        return;
+    if (block == scanner)
+        block = head;
+    if (head->alloc != nullptr)
+        zd_free(head->alloc, block, "literal_scan", __LINE__);
     else
         free(block);
 }
 
-void literal_scanner_move_place(yyscan_t scanner, const char *text, int length) {
+void literal_scanner_move_place(void *scanner, const char *text, int length) {
     literal_scanner_head_t *const head = literal_scanner_head(scanner);
     const char *const end = text + length;
     const char *line = text;

@@ -5,31 +5,33 @@
 #define LITERAL_SCAN_H
 
 #include "common/literal.h"
-#include "common/literal_scanner.h"
 
 #ifdef __cplusplus
 
-// Lies before the generated scanner in its block.
+// Lies before the generated scanner in its block. Behind the scanner is room for its first buffer
+// and what goes with it, which are all that most statements need.
 struct literal_scanner_head_t {
     allocator_t *alloc; // NULL: the process heap
+    char *room;         // what is left of it
+    char *room_end;
     int line;
     int column;
 };
 
-inline literal_scanner_head_t *literal_scanner_head(yyscan_t scanner) {
+inline literal_scanner_head_t *literal_scanner_head(void *scanner) {
     return static_cast<literal_scanner_head_t *>(scanner) - 1;
 }
 
-// A scanner of size bytes, all 0, behind its head; NULL when the process heap has none left.
-yyscan_t literal_scanner_new(allocator_t *alloc, size_t size);
+// A scanner of size bytes, all 0; NULL when the process heap has none left.
+void *literal_scanner_new(allocator_t *alloc, size_t size);
 // The scanner's further memory; what cannot be had is thrown. Without a scanner it is memory for
-// one out of the process heap, with room for the head before it, and NULL when there is none.
-void *literal_scanner_alloc(size_t size, yyscan_t scanner);
-void *literal_scanner_realloc(void *block, size_t size, yyscan_t scanner);
+// one out of the process heap, and NULL when there is none.
+void *literal_scanner_alloc(size_t size, void *scanner);
+void *literal_scanner_realloc(void *block, size_t size, void *scanner);
 // block may be the scanner itself.
-void literal_scanner_free(void *block, yyscan_t scanner);
+void literal_scanner_free(void *block, void *scanner);
 // The scan went over so much text.
-void literal_scanner_move_place(yyscan_t scanner, const char *text, int length);
+void literal_scanner_move_place(void *scanner, const char *text, int length);
 
 // Copies the next piece of the statement, or as many as double what was kept, into the buffer.
 // Returns the number of bytes, 0 at the end of the statement.
