@@ -21,6 +21,7 @@ struct Command {
 
 constexpr Command commands[] = {
     {"error", "look up an error by code, by name or by a word of its texts", run_error},
+    {"literals", "show the literals of a SQL statement, and it without them", run_literals},
 };
 
 void print_help() {

@@ -244,6 +244,19 @@ inline Result scan(std::string_view text, bool is_sjis, bool big_only = false) {
     return Matcher(text, is_sjis, big_only).run();
 }
 
+inline bool operator==(const Result &one, const Result &other) {
+    bool same = one.literals == other.literals && one.info.literal_cnt == other.info.literal_cnt &&
+                one.info.has_sys_bind_name == other.info.has_sys_bind_name;
+    for (int i = 0; i < LITERAL_B_LETTERS_MAX; i++) {
+        const b_param_info_t &names = one.info.b_param_infos[i];
+        const b_param_info_t &others = other.info.b_param_infos[i];
+        same = same && names.exists == others.exists && names.digit_len_bit == others.digit_len_bit;
+    }
+    for (int i = 0; i < LITERAL_ALPHA_LETTERS; i++)
+        same = same && one.info.alpha4[i] == other.info.alpha4[i];
+    return same;
+}
+
 // The text with every literal put back where offset and diff say.
 inline std::string put_back(std::string replaced, const std::vector<literal_t> &literals) {
     int shorter = 0; // than the original, by the literals before this one
