@@ -154,7 +154,7 @@ listc_t *listc_minus_from(listc_t *list1, const listc_t *list2, allocator_t *all
     return list1;
 }
 
-int listc_is_subset(const listc_t *sub, const listc_t *head) {
+uchar listc_is_subset(const listc_t *sub, const listc_t *head) {
     ZD_ASSERT("listc", sub != NULL);
     ZD_ASSERT("listc", head != NULL);
     list_for_each(link, &sub->link) {
@@ -164,7 +164,7 @@ int listc_is_subset(const listc_t *sub, const listc_t *head) {
     return 1;
 }
 
-int listc_is_overlap(const listc_t *list1, const listc_t *list2) {
+uchar listc_is_overlap(const listc_t *list1, const listc_t *list2) {
     list_for_each(link, &list1->link) {
         if (listc_find(node_of(link)->data, list2) != nullptr)
             return 1;

@@ -72,10 +72,10 @@ ZD_API listc_t *listc_minus(const listc_t *list1, const listc_t *list2, allocato
 ZD_API listc_t *listc_minus_from(listc_t *list1, const listc_t *list2, allocator_t *alloc);
 
 // 1 when every element of sub is in head, else 0. The empty list is a subset of every list.
-ZD_API int listc_is_subset(const listc_t *sub, const listc_t *head);
+ZD_API uchar listc_is_subset(const listc_t *sub, const listc_t *head);
 
 // 1 when some element of list1 is in list2, else 0.
-ZD_API int listc_is_overlap(const listc_t *list1, const listc_t *list2);
+ZD_API uchar listc_is_overlap(const listc_t *list1, const listc_t *list2);
 
 // Sets the data of the node at position idx; a negative idx means the first. Without such a node
 // nothing changes.

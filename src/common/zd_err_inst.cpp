@@ -63,8 +63,8 @@ void zd_err_inst_destroy(zd_err_inst_t *errinst, allocator_t *alloc) {
     zd_free(alloc, errinst, "zd_err_inst", __LINE__);
 }
 
-int zd_err_inst_match(const zd_err_inst_t *errinst, int code, unsigned int obj_id,
-                      unsigned int err_num) {
+uchar zd_err_inst_match(const zd_err_inst_t *errinst, int code, unsigned int obj_id,
+                        unsigned int err_num) {
     if (errinst->code != code)
         return 0;
     return code != ERROR_PSM_USER_DEFINED ||

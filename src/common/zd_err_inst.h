@@ -99,8 +99,8 @@ ZD_API void zd_err_inst_destroy(zd_err_inst_t *errinst, allocator_t *alloc);
 
 // 1 when the instance is the error asked for, else 0. The object and the number count for
 // ERROR_PSM_USER_DEFINED alone.
-ZD_API int zd_err_inst_match(const zd_err_inst_t *errinst, int code, unsigned int obj_id,
-                             unsigned int err_num);
+ZD_API uchar zd_err_inst_match(const zd_err_inst_t *errinst, int code, unsigned int obj_id,
+                               unsigned int err_num);
 
 // The message, cut to len - 1 characters, and zeros up to str[len - 1]. Requires len > 0.
 ZD_API void zd_err_inst_to_str(char *str, const zd_err_inst_t *errinst, int len);

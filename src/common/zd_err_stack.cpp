@@ -186,8 +186,8 @@ ec_t zd_err_stack_peek_code(const zd_err_stack_t *errstack) {
     return errstack->top != nullptr ? errstack->top->code : static_cast<ec_t>(ERROR_NONE);
 }
 
-int zd_err_stack_match(const zd_err_stack_t *errstack, int code, unsigned int obj_id,
-                       unsigned int err_num) {
+uchar zd_err_stack_match(const zd_err_stack_t *errstack, int code, unsigned int obj_id,
+                         unsigned int err_num) {
     ZD_ASSERT("zd_err_stack", errstack != NULL);
     if (errstack->top == nullptr)
         return code == ERROR_NONE;

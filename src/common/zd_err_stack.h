@@ -47,8 +47,8 @@ ZD_API ec_t zd_err_stack_peek_code(const zd_err_stack_t *errstack);
 
 // Whether the top is the error asked for, as in zd_err_inst_match. An empty stack matches
 // ERROR_NONE.
-ZD_API int zd_err_stack_match(const zd_err_stack_t *errstack, int code, unsigned int obj_id,
-                              unsigned int err_num);
+ZD_API uchar zd_err_stack_match(const zd_err_stack_t *errstack, int code, unsigned int obj_id,
+                                unsigned int err_num);
 
 // Moves the top error of source, which must have one, onto target, without its source span. The
 // instance made for target is a new one; the one popped from source is left to source's allocator.

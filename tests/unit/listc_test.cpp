@@ -353,6 +353,14 @@ TEST_F(ListC, EmptyListOverlapsNothing) {
     EXPECT_EQ(listc_is_overlap(make({}), make({})), 0);
 }
 
+TEST_F(ListC, AnswersOfTheTestsAreBytesOfOneOrZero) {
+    listc_t *const list = make({a});
+    const uchar subset{listc_is_subset(list, list)}; // braces refuse a wider answer
+    const uchar overlap{listc_is_overlap(list, list)};
+    EXPECT_EQ(subset, 1);
+    EXPECT_EQ(overlap, 1);
+}
+
 TEST_F(ListC, ReplaceSetsTheDataAtThePosition) {
     listc_t *const list = make({a, a, a});
     listc_replace(b, 0, list);

@@ -185,6 +185,14 @@ TEST_F(ErrInst, OrdinaryErrorsMatchByCodeAlone) {
     EXPECT_FALSE(zd_err_inst_match(errinst, -140005, 99, 17));
 }
 
+TEST_F(ErrInst, AnswerToAMatchIsAByteOfOneOrZero) {
+    const zd_err_inst_t *const errinst = make(-15086);
+    const uchar yes{zd_err_inst_match(errinst, -15086, 99, 17)}; // braces refuse a wider answer
+    const uchar no{zd_err_inst_match(errinst, -15086, 98, 17)};
+    EXPECT_EQ(yes, 1);
+    EXPECT_EQ(no, 0);
+}
+
 TEST_F(ErrInst, UserDefinedErrorsMatchByObjectAndNumberToo) {
     const zd_err_inst_t *const errinst = make(-15086);
     EXPECT_TRUE(zd_err_inst_match(errinst, -15086, 99, 17));

@@ -176,6 +176,13 @@ TEST_F(ErrStack, EmptyStackMatchesNoErrorAlone) {
     EXPECT_FALSE(zd_err_stack_match(&stack_, -140006, 0, 0));
 }
 
+TEST_F(ErrStack, AnswerToAMatchIsAByteOfOneOrZero) {
+    const uchar yes{zd_err_stack_match(&stack_, 0, 0, 0)}; // braces refuse a wider answer
+    const uchar no{zd_err_stack_match(&stack_, -140006, 0, 0)};
+    EXPECT_EQ(yes, 1);
+    EXPECT_EQ(no, 0);
+}
+
 TEST_F(ErrStack, MatchAsksTheTop) {
     push(-140002);
     push(-15086);
