@@ -403,6 +403,21 @@ void format(TextArea &area, int formatter_cnt, const dstream_formatter_t *format
     }
 }
 
+// Starts an area, formats into it and terminates it; the length is that of the text.
+size_t format_text(int formatter_cnt, const dstream_formatter_t *formatters, char *str_buf,
+                   size_t str_size, char **new_strbuf, const char *fmt, va_list args) {
+    if (new_strbuf != nullptr)
+        *new_strbuf = nullptr;
+    TextArea area = {str_buf, str_size, 0, new_strbuf};
+    Arguments arguments;
+    va_copy(arguments.list, args);
+    format(area, formatter_cnt, formatters, fmt, arguments);
+    va_end(arguments.list);
+    if (area.size > 0)
+        area.data[area.length] = '\0';
+    return area.length;
+}
+
 // ---- the stream ----
 
 // The last byte of the buffer stays free.
@@ -554,8 +569,8 @@ void dprint(dstream_t *dstream, const char *fmt, ...) {
     char *grown;
     va_list args;
     va_start(args, fmt);
-    const size_t length = dsvprint(dstream->formatter_cnt, dstream->dstream_formatters, text,
-                                   sizeof text, &grown, fmt, args);
+    const size_t length = format_text(dstream->formatter_cnt, dstream->dstream_formatters, text,
+                                      sizeof text, &grown, fmt, args);
     va_end(args);
     put_item(dstream, grown != nullptr ? grown : text, length);
     dfree(grown);
@@ -563,25 +578,17 @@ void dprint(dstream_t *dstream, const char *fmt, ...) {
         dstream->print_flag = 0;
 }
 
-size_t dsvprint(int formatter_cnt, const dstream_formatter_t *dstream_formatters, char *str_buf,
-                size_t str_size, char **new_strbuf, const char *fmt, va_list args) {
-    if (new_strbuf != nullptr)
-        *new_strbuf = nullptr;
-    TextArea area = {str_buf, str_size, 0, new_strbuf};
-    Arguments arguments;
-    va_copy(arguments.list, args);
-    format(area, formatter_cnt, dstream_formatters, fmt, arguments);
-    va_end(arguments.list);
-    if (area.size > 0)
-        area.data[area.length] = '\0';
-    return area.length;
+int dsvprint(int formatter_cnt, const dstream_formatter_t *dstream_formatters, char *str_buf,
+             size_t str_size, char **new_strbuf, const char *fmt, va_list args) {
+    return static_cast<int>(
+        format_text(formatter_cnt, dstream_formatters, str_buf, str_size, new_strbuf, fmt, args));
 }
 
-size_t dsprint(int formatter_cnt, const dstream_formatter_t *dstream_formatters, char *str_buf,
-               size_t str_size, const char *fmt, ...) {
+int dsprint(int formatter_cnt, const dstream_formatter_t *dstream_formatters, char *str_buf,
+            size_t str_size, const char *fmt, ...) {
     va_list args;
     va_start(args, fmt);
-    const size_t length =
+    const int length =
         dsvprint(formatter_cnt, dstream_formatters, str_buf, str_size, nullptr, fmt, args);
     va_end(args);
     return length;

@@ -116,13 +116,12 @@ ZD_API void dprint(dstream_t *dstream, const char *fmt, ...);
 // whole ends it before. Otherwise the area grows: *new_strbuf is NULL when the text fitted into
 // str_buf, else the whole text is there, in a block that the caller ends with dfree; str_buf then
 // holds nothing of use. If the system allocator refuses to grow it, the text is cut as above.
-ZD_API size_t dsvprint(int formatter_cnt, const dstream_formatter_t *dstream_formatters,
-                       char *str_buf, size_t str_size, char **new_strbuf, const char *fmt,
-                       va_list args);
+ZD_API int dsvprint(int formatter_cnt, const dstream_formatter_t *dstream_formatters, char *str_buf,
+                    size_t str_size, char **new_strbuf, const char *fmt, va_list args);
 
 // dsvprint into a fixed area.
-ZD_API size_t dsprint(int formatter_cnt, const dstream_formatter_t *dstream_formatters,
-                      char *str_buf, size_t str_size, const char *fmt, ...);
+ZD_API int dsprint(int formatter_cnt, const dstream_formatter_t *dstream_formatters, char *str_buf,
+                   size_t str_size, const char *fmt, ...);
 
 // Frees what dsvprint stored in *new_strbuf; NULL is allowed.
 ZD_API void dfree(char *ptr);

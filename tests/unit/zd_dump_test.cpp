@@ -697,9 +697,10 @@ TEST(DumpFormat, CopiesOrdinaryBytes) {
     EXPECT_EQ(format("plain\ttext \xc3\xa9\n"), "plain\ttext \xc3\xa9\n");
 }
 
-TEST(DumpFormat, ReturnsTheLength) {
+TEST(DumpFormat, ReturnsTheLengthAsAnInt) {
     char text[16];
-    EXPECT_EQ(dsprint(0, nullptr, text, sizeof text, "%d-%s", 12, "ab"), 5u);
+    const int length{dsprint(0, nullptr, text, sizeof text, "%d-%s", 12, "ab")}; // no narrowing
+    EXPECT_EQ(length, 5);
     EXPECT_STREQ(text, "12-ab");
 }
 
@@ -782,11 +783,11 @@ TEST(DumpFormat, NegativeStarPrecisionIsNone) {
 
 TEST(DumpFormat, HugeWidthsFillTheAreaAndNoMore) {
     char text[8];
-    EXPECT_EQ(dsprint(0, nullptr, text, sizeof text, "%99999999999999999999d", 1), 7u);
+    EXPECT_EQ(dsprint(0, nullptr, text, sizeof text, "%99999999999999999999d", 1), 7);
     EXPECT_STREQ(text, "       ");
-    EXPECT_EQ(dsprint(0, nullptr, text, sizeof text, "%.2147483647d", 1), 7u);
+    EXPECT_EQ(dsprint(0, nullptr, text, sizeof text, "%.2147483647d", 1), 7);
     EXPECT_STREQ(text, "0000000");
-    EXPECT_EQ(dsprint(0, nullptr, text, sizeof text, "%*d", INT_MIN, 1), 7u);
+    EXPECT_EQ(dsprint(0, nullptr, text, sizeof text, "%*d", INT_MIN, 1), 7);
     EXPECT_STREQ(text, "1      ");
 }
 
@@ -848,21 +849,21 @@ TEST(DumpFormat, StringsAndCharactersAreThoseOfPrintf) {
 
 TEST(DumpArea, TextIsCutAtItsEndAndTerminated) {
     char text[6] = "-----";
-    EXPECT_EQ(dsprint(0, nullptr, text, 4, "abcdef"), 3u);
+    EXPECT_EQ(dsprint(0, nullptr, text, 4, "abcdef"), 3);
     EXPECT_EQ(std::string(text, 6), std::string("abc\0-\0", 6));
 }
 
 TEST(DumpArea, OfOneByteTakesTheTerminatorAlone) {
     char text[2] = {'-', '-'};
-    EXPECT_EQ(dsprint(0, nullptr, text, 1, "abc"), 0u);
+    EXPECT_EQ(dsprint(0, nullptr, text, 1, "abc"), 0);
     EXPECT_EQ(std::string(text, 2), std::string("\0-", 2));
 }
 
 TEST(DumpArea, OfNoBytesIsLeftAlone) {
     char text[2] = {'-', '-'};
-    EXPECT_EQ(dsprint(0, nullptr, text, 0, "abc%d%5s", 1, "x"), 0u);
+    EXPECT_EQ(dsprint(0, nullptr, text, 0, "abc%d%5s", 1, "x"), 0);
     EXPECT_EQ(std::string(text, 2), "--");
-    EXPECT_EQ(dsprint(0, nullptr, nullptr, 0, "abc"), 0u);
+    EXPECT_EQ(dsprint(0, nullptr, nullptr, 0, "abc"), 0);
 }
 
 __attribute__((noinline)) size_t grow_print(char *area, size_t size, char **block, const char *fmt,
