@@ -1,5 +1,6 @@
 #include "common/zd_signal.h"
 
+#include <dlfcn.h>
 #include <errno.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -8,6 +9,38 @@
 
 #include <atomic>
 #include <thread>
+
+namespace {
+
+// What was asked of the system last: it does not give back every flag that it was handed.
+struct sigaction asked_action;
+int asked_how;
+sigset_t asked_mask;
+bool refuse_mask;
+
+template <class Function>
+Function *next_of(const char *name, Function *) {
+    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+}
+
+} // namespace
+
+// The library's calls come here: a program's functions precede those of the libraries it loads.
+extern "C" int sigaction(int signo, const struct sigaction *action,
+                         struct sigaction *previous) noexcept {
+    if (action != nullptr)
+        asked_action = *action;
+    return next_of("sigaction", sigaction)(signo, action, previous);
+}
+
+extern "C" int pthread_sigmask(int how, const sigset_t *mask, sigset_t *previous) noexcept {
+    if (refuse_mask)
+        return EINVAL;
+    asked_how = how;
+    if (mask != nullptr)
+        asked_mask = *mask;
+    return next_of("pthread_sigmask", pthread_sigmask)(how, mask, previous);
+}
 
 namespace {
 
@@ -77,6 +110,28 @@ TEST_F(ZdSignal, HandlerIsPlainAndBlocksNothingElse) {
     EXPECT_EQ(static_cast<unsigned int>(installed.sa_flags) & kOthers, 0u);
     for (int signo = 1; signo < 32; signo++)
         EXPECT_NE(sigismember(&installed.sa_mask, signo), 1) << signo;
+}
+
+TEST_F(ZdSignal, OnlyFlagIsThatInterruptedCallsFail) {
+    zd_signal_register(SIGUSR1, count);
+    EXPECT_EQ(asked_action.sa_handler, count);
+    EXPECT_EQ(asked_action.sa_flags, 0x20000000);
+    for (int signo = 1; signo < NSIG; signo++)
+        EXPECT_EQ(sigismember(&asked_action.sa_mask, signo), 0) << signo;
+}
+
+TEST_F(ZdSignal, OnlyTheSignalItselfIsUnblocked) {
+    zd_signal_register(SIGUSR1, count);
+    EXPECT_EQ(asked_how, SIG_UNBLOCK);
+    for (int signo = 1; signo < NSIG; signo++)
+        EXPECT_EQ(sigismember(&asked_mask, signo), signo == SIGUSR1) << signo;
+}
+
+TEST_F(ZdSignal, SignalThatCannotBeUnblockedGetsNoHandler) {
+    refuse_mask = true;
+    EXPECT_EQ(zd_signal_register(SIGUSR1, count), SIG_ERR);
+    refuse_mask = false;
+    EXPECT_EQ(zd_signal_register(SIGUSR1, ignore), SIG_DFL);
 }
 
 TEST_F(ZdSignal, ArrivalMakesAWaitingReadFail) {
