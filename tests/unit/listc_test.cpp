@@ -457,6 +457,7 @@ TEST_F(ListCDeathTest, NullListsFailTheAssertionOfTheirOperation) {
     EXPECT_ASSERTION(listc_union_to(list, list, nullptr, alloc()), "dest != NULL");
     EXPECT_ASSERTION(listc_is_subset(nullptr, list), "sub != NULL");
     EXPECT_ASSERTION(listc_is_subset(list, nullptr), "head != NULL");
+    EXPECT_ASSERTION(listc_is_subset(make({}), nullptr), "head != NULL"); // searched or not
     EXPECT_ASSERTION(listc_replace(a, 0, nullptr), "list != NULL");
 }
 
