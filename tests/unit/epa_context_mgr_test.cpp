@@ -13,6 +13,7 @@
 #include "common/alloc/system_clialloc.h"
 #include "common/zdmsg/zdmsg_meta_gen.h"
 #include "support/agent_context.h"
+#include "support/test_allocator.h"
 
 namespace {
 
@@ -45,6 +46,19 @@ TEST_F(EpaContextMgr, NewContextLivesInItsAllocator) {
     EXPECT_GE(region(alloc)->total_used, sizeof *context);
     EXPECT_EQ(epa_ctx_mgr_, nullptr); // it becomes the thread's own only by epa_init
     alloc->desc->func_delete(alloc);
+}
+
+TEST_F(EpaContextMgr, NothingButTheAllocatorOfANewContextIsSet) {
+    TestAllocator alloc;
+    epa_context_mgr_t *const context = epa_context_mgr_new(alloc.get());
+    EXPECT_EQ(alloc.live_blocks(), 1);
+    EXPECT_EQ(alloc.last_size(), 104);
+    EXPECT_STREQ(alloc.last_file(), "epa_context_mgr");
+    epa_context_mgr_t expected;
+    memset(&expected, TestAllocator::kFill, sizeof expected);
+    expected.alloc = alloc.get();
+    EXPECT_EQ(memcmp(context, &expected, sizeof expected), 0);
+    free(context);
 }
 
 TEST_F(EpaContextMgr, FilledContextHasNoSocketAndNoConnection) {

@@ -35,10 +35,8 @@ allocator_t *epa_allocator_new(void) {
 void epa_allocator_delete(void) {}
 
 epa_context_mgr_t *epa_context_mgr_new(allocator_t *alloc) {
-    // Empty rather than undefined, so that a context can be deleted before it was filled.
-    epa_context_mgr_t *const context = static_cast<epa_context_mgr_t *>(
-        zd_calloc(alloc, sizeof(epa_context_mgr_t), unit, __LINE__));
-    list_init(&context->dl_cache_list);
+    epa_context_mgr_t *const context =
+        allocate<epa_context_mgr_t>(alloc, sizeof(epa_context_mgr_t), __LINE__);
     context->alloc = alloc;
     return context;
 }

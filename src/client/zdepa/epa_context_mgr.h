@@ -14,7 +14,8 @@ ZD_API allocator_t *epa_allocator_new(void);
 // Does nothing: the root allocator goes with the context.
 ZD_API void epa_allocator_delete(void);
 
-// A context in memory of alloc, with alloc stored in it; epa_context_mgr_init fills the rest.
+// A context in memory of alloc, with alloc stored in it and nothing else set; epa_context_mgr_init
+// fills the rest.
 ZD_API epa_context_mgr_t *epa_context_mgr_new(allocator_t *alloc);
 
 // Fills this thread's context and opens its log. Requires the configuration. A log that cannot be

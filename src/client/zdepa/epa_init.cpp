@@ -21,6 +21,14 @@ constexpr char unit[] = "epa_init";
 constexpr int kSendReadinessSignal = 1;
 constexpr size_t kHomeDirMax = 4096;
 
+// Empty rather than undefined: it may be deleted, or a crash look for its log, before it is filled.
+epa_context_mgr_t *new_empty_context() {
+    epa_context_mgr_t *const context = epa_context_mgr_new(epa_allocator_new());
+    *context = {.alloc = context->alloc};
+    list_init(&context->dl_cache_list);
+    return context;
+}
+
 char *new_home_dir(const char *home) {
     const size_t size = strlen(home) + sizeof "/client/zdepa";
     char *const home_dir = static_cast<char *>(
@@ -32,7 +40,7 @@ char *new_home_dir(const char *home) {
 } // namespace
 
 void epa_init(void) {
-    epa_ctx_mgr_ = epa_context_mgr_new(epa_allocator_new());
+    epa_ctx_mgr_ = new_empty_context();
     const char *const home = zd_getenv("ZD_HOME", "WQ_HOME", nullptr);
     if (home == nullptr)
         epa_exit_abnormally(unit, 68, "%s is not set",
