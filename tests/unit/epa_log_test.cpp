@@ -24,10 +24,10 @@ class EpaLogPrintData : public AgentContextTest {
     // The one line that printing the value wrote, from behind its header's blank on.
     template <class T>
     std::string line_for(zd_type_ext_t type, T value) {
-        return line_for_bytes(type, reinterpret_cast<const char *>(&value));
+        return line_for_value(type, &value);
     }
 
-    std::string line_for_bytes(zd_type_ext_t type, const char *data) {
+    std::string line_for_value(zd_type_ext_t type, const void *data) {
         const size_t before = home_.log().size();
         epa_log_print_data("..", type, data);
         const std::string line = home_.log().substr(before);
@@ -59,10 +59,10 @@ TEST_F(EpaLogPrintData, FloatingValuesHaveSixDecimals) {
 }
 
 TEST_F(EpaLogPrintData, TextIsShownToItsEnd) {
-    EXPECT_EQ(line_for_bytes(EXT_TYPE_STRING, "some %s text"), "    ..data : [some %s text]\n");
-    EXPECT_EQ(line_for_bytes(EXT_TYPE_ZDSTRING, ""), "    ..data : []\n");
+    EXPECT_EQ(line_for_value(EXT_TYPE_STRING, "some %s text"), "    ..data : [some %s text]\n");
+    EXPECT_EQ(line_for_value(EXT_TYPE_ZDSTRING, ""), "    ..data : []\n");
     const std::string long_text(3000, 'x');
-    EXPECT_EQ(line_for_bytes(EXT_TYPE_STRING, long_text.c_str()),
+    EXPECT_EQ(line_for_value(EXT_TYPE_STRING, long_text.c_str()),
               "    ..data : [" + long_text + "]\n");
 }
 
@@ -79,8 +79,8 @@ TEST_F(EpaLogPrintData, ValueNeedsNoAlignment) {
     char bytes[16] = {};
     const int64_t value = 0x0102030405060708;
     memcpy(bytes + 1, &value, sizeof value);
-    EXPECT_EQ(line_for_bytes(EXT_TYPE_LONG, bytes + 1), "    ..data : [72623859790382856]\n");
-    EXPECT_EQ(line_for_bytes(EXT_TYPE_SHORT, bytes + 1), "    ..data : [1800]\n");
+    EXPECT_EQ(line_for_value(EXT_TYPE_LONG, bytes + 1), "    ..data : [72623859790382856]\n");
+    EXPECT_EQ(line_for_value(EXT_TYPE_SHORT, bytes + 1), "    ..data : [1800]\n");
 }
 
 TEST_F(EpaLogPrintData, WritesNothingBelowItsLevel) {

@@ -267,6 +267,17 @@ TEST_F(EpaMsgReply, ResultByReferenceIsWhatTheCellPointsAt) {
     EXPECT_EQ(entry(0).data, text);
 }
 
+TEST_F(EpaMsgReply, NullResultIsTracedAsFarAsItCanBePrinted) {
+    cell_ = 0;
+    set_return(1, ZD_TYPE_VARCHAR, EXT_TYPE_STRING);
+    ASSERT_EQ(fill(), 0);
+    EXPECT_THAT(home_.log(), EndsWith(std::string(16 + 4, ' ') + "data : [(null)]\n"));
+    dlf_->return_info.zd_type_ext = EXT_TYPE_INT;
+    ASSERT_EQ(fill(), 0);
+    EXPECT_THAT(home_.log(),
+                EndsWith("    0th out param - call_method : 1, zd_type_ext : 5, len : 0\n"));
+}
+
 TEST_F(EpaMsgReply, AnyOtherCallMethodMeansAResultByValue) {
     set_return(2, ZD_TYPE_PLS_INT, EXT_TYPE_STRING);
     ASSERT_EQ(fill(), 0);

@@ -13,7 +13,7 @@ constexpr char unit[] = "epa_log";
 constexpr int64_t kMessageStep = 1024;
 
 template <class T>
-T read_as(const char *data) {
+T read_as(const void *data) {
     T value;
     memcpy(&value, data, sizeof value);
     return value;
@@ -39,7 +39,7 @@ char *format_message(allocator_t *alloc, const char *format, va_list args, int64
 
 } // namespace
 
-void epa_log_print_data(const char *tab, zd_type_ext_t zd_type_ext, const char *data) {
+void epa_log_print_data(const char *tab, zd_type_ext_t zd_type_ext, const void *data) {
     switch (zd_type_ext) {
     case EXT_TYPE_SHORT:
     case EXT_TYPE_USHORT:
@@ -62,7 +62,7 @@ void epa_log_print_data(const char *tab, zd_type_ext_t zd_type_ext, const char *
         break;
     case EXT_TYPE_STRING:
     case EXT_TYPE_ZDSTRING:
-        EPA_LOG(unit, LOG_LVL_TRACE, "%sdata : [%s]", tab, data);
+        EPA_LOG(unit, LOG_LVL_TRACE, "%sdata : [%s]", tab, static_cast<const char *>(data));
         break;
     default:
         break;
@@ -70,10 +70,10 @@ void epa_log_print_data(const char *tab, zd_type_ext_t zd_type_ext, const char *
 }
 
 void epa_log_print_value(const char *tab, zd_type_ext_t zd_type_ext, const char *data, int length) {
-    if (data == nullptr)
-        return;
     char whole[sizeof(int64_t)] = {};
     const bool is_text = zd_type_ext == EXT_TYPE_STRING || zd_type_ext == EXT_TYPE_ZDSTRING;
+    if (data == nullptr && !is_text)
+        return;
     if (!is_text && length < static_cast<int>(sizeof whole)) {
         if (length > 0)
             memcpy(whole, data, static_cast<size_t>(length));

@@ -10,7 +10,7 @@ ZD_BEGIN_DECLS
 
 // One TRACE line with the value, prefixed by tab, for the types that have a printable form; no
 // line for the others. data is read at the type's size; text is zero-terminated.
-ZD_API void epa_log_print_data(const char *tab, zd_type_ext_t zd_type_ext, const char *data);
+ZD_API void epa_log_print_data(const char *tab, zd_type_ext_t zd_type_ext, const void *data);
 
 // Fatal exit, and the log's error callback: appends the message as a line to "./extproc.err" and
 // exits with status 1. filename and line are not used.
@@ -35,7 +35,8 @@ inline bool epa_log_prints_data(void) {
     return epa_ctx_mgr_->log_hdl->max_lvl == LOG_LVL_TRACE;
 }
 
-// epa_log_print_data for a value of length bytes, which may be shorter than its type.
+// epa_log_print_data for a value of length bytes, which may be shorter than its type. Of no value
+// only a text has a line.
 void epa_log_print_value(const char *tab, zd_type_ext_t zd_type_ext, const char *data, int length);
 
 #endif
