@@ -155,6 +155,50 @@ TEST_F(EpaDlCall, ContextTakesTheFirstOfTheSixRegisters) {
     EXPECT_EQ(dlf->rdx[1], 5);
 }
 
+TEST_F(EpaDlCall, ContextIsAParameterAheadOfTheDeclaredOnes) {
+    Request request("x", kNoReturn, {int_value(5)}, kWithContext);
+    const epa_dlfunc_t *const dlf = describe(request);
+    const auto *const first = list_entry(dlf->param_list_head.next, const epa_dlfunc_param_t, link);
+    EXPECT_EQ(first->call_method, 1);
+    EXPECT_EQ(first->psm_param_mode, 1);
+    EXPECT_EQ(first->zd_type, 0);
+    EXPECT_EQ(first->zd_type_ext, 0);
+    EXPECT_EQ(first->data, reinterpret_cast<const char *>(dlf->epa_util_ctx));
+    EXPECT_EQ(first->data_len, 8);
+    EXPECT_EQ(first->data_maxlen, 8);
+    EXPECT_EQ(first->copy_data, reinterpret_cast<const char *>(&dlf->epa_util_ctx));
+    EXPECT_EQ(first->copy_len, 8);
+    EXPECT_EQ(dlf->param_cnt, 1u); // of the request's
+    EXPECT_EQ(dlf->out_param_cnt, 0);
+}
+
+TEST_F(EpaDlCall, ParametersAreRecordedAsTheRequestHasThem) {
+    const int by_value = flag(7, kIn, ZD_TYPE_BIN_INT, EXT_TYPE_SIZE_T);
+    const int by_reference = flag(kByReference, kInOut, ZD_TYPE_DATE, EXT_TYPE_ZDDATE);
+    Request request("x", kNoReturn, {{by_value, 9, "abcd"}, {by_reference, 40, "a date"}});
+    const epa_dlfunc_t *const dlf = describe(request);
+    const auto *const first = list_entry(dlf->param_list_head.next, const epa_dlfunc_param_t, link);
+    EXPECT_EQ(first->call_method, 7);
+    EXPECT_EQ(first->psm_param_mode, kIn);
+    EXPECT_EQ(first->zd_type, 27);
+    EXPECT_EQ(first->zd_type_ext, 9);
+    EXPECT_EQ(first->data_len, 4);
+    EXPECT_EQ(first->data_maxlen, 9);
+    EXPECT_EQ(first->copy_data, first->data);
+    EXPECT_EQ(first->copy_len, 4);
+    const auto *const second = list_entry(first->link.next, const epa_dlfunc_param_t, link);
+    EXPECT_EQ(second->call_method, kByReference);
+    EXPECT_EQ(second->psm_param_mode, kInOut);
+    EXPECT_EQ(second->zd_type, 5);
+    EXPECT_EQ(second->zd_type_ext, 18);
+    EXPECT_EQ(second->data, request.record()->param.data[1].data_value.data);
+    EXPECT_EQ(second->data_len, 6);
+    EXPECT_EQ(second->data_maxlen, 40);
+    EXPECT_EQ(second->copy_data, reinterpret_cast<const char *>(&second->data));
+    EXPECT_EQ(second->copy_len, 8);
+    EXPECT_EQ(second->link.next, &dlf->param_list_head);
+}
+
 TEST_F(EpaDlCall, AnyNonZeroByteOfThePropertyMeansContext) {
     Request request("x", kNoReturn, {}, 0x8000);
     EXPECT_NE(describe(request)->epa_util_ctx, nullptr);
@@ -286,6 +330,13 @@ TEST_F(EpaDlCall, LongestPathAndNameAreTaken) {
     EXPECT_EQ(dlf->param_stack, nullptr);
 }
 
+TEST_F(EpaDlCall, RegionsOfACallLieBelowTheContextsAllocator) {
+    char text[] = "x";
+    const epa_dlfunc_t *const dlf = epa_dlfunc_new(1, text, 1, text, 1, 0, 0);
+    EXPECT_EQ(dlf->alloc->parent, epa_ctx_mgr_->alloc);
+    EXPECT_EQ(dlf->epa_util_ctx->alloc->parent, dlf->alloc);
+}
+
 TEST_F(EpaDlCall, PathAboveTheLimitIsRefused) {
     std::string path(4097, 'p');
     EXPECT_EQ(client_try([&] { epa_dlfunc_new(4097, path.data(), 1, path.data(), 0, 0, 0); }),
@@ -376,13 +427,27 @@ TEST_F(EpaDlCall, OnlyTheKindsThatTheRoutineSizesAreWidened) {
     }
 }
 
+TEST_F(EpaDlCall, OnlyWhatTheRoutineMayWriteBeyondItsInputIsWidened) {
+    // Without room beyond the input there is nothing to write; input alone stays where it is.
+    const int in = flag(kByReference, kIn, ZD_TYPE_RAW, EXT_TYPE_RAW);
+    const int out = flag(kByReference, kOut, ZD_TYPE_RAW, EXT_TYPE_RAW);
+    Request request("x", kNoReturn, {{in, 64, "abcd"}, {out, 4, "abcd"}, {out, 5, "abcd"}});
+    const epa_dlfunc_t *const dlf = describe(request);
+    const zdmsg_struct_extproc_param_t *const given = request.record()->param.data;
+    EXPECT_EQ(dlf->rdx[0], reinterpret_cast<int64_t>(given[0].data_value.data));
+    EXPECT_EQ(dlf->rdx[1], reinterpret_cast<int64_t>(given[1].data_value.data));
+    EXPECT_NE(dlf->rdx[2], reinterpret_cast<int64_t>(given[2].data_value.data));
+}
+
 TEST_F(EpaDlCall, DirectFormTerminatesTextThatIsNotWidened) {
     // The caller's bytes go on after the value: only a copy can end there.
-    std::string storage = "helloworld";
-    Request request("x", kNoReturn,
-                    {{flag(kByReference, kIn, ZD_TYPE_VARCHAR, EXT_TYPE_STRING), 100, storage}});
-    request.record()->param.data[0].data_value.len = 5;
-    EXPECT_STREQ(reinterpret_cast<const char *>(describe(request)->rdx[0]), "hello");
+    for (const int native : {EXT_TYPE_STRING, EXT_TYPE_ZDSTRING}) {
+        std::string storage = "helloworld";
+        Request request("x", kNoReturn,
+                        {{flag(kByReference, kIn, ZD_TYPE_VARCHAR, native), 100, storage}});
+        request.record()->param.data[0].data_value.len = 5;
+        EXPECT_STREQ(reinterpret_cast<const char *>(describe(request)->rdx[0]), "hello");
+    }
 }
 
 TEST_F(EpaDlCall, DirectFormTakesWidenedBuffersFromTheCaller) {
@@ -461,6 +526,7 @@ TEST_F(EpaDlCache, MissingLibraryIsRaisedAndLeavesTheCacheUnchanged) {
     const zd_err_inst_t *const error = last_error();
     EXPECT_STREQ(error->file, "epa_dl_call");
     EXPECT_EQ(error->line, 1092);
+    EXPECT_STREQ(error->func, "epa_dlopen");
     EXPECT_THAT(error->complete_desc,
                 testing::StartsWith(" Failed to open library ('/no/such/library.so') - "));
     EXPECT_THAT(error->complete_desc, testing::HasSubstr("No such file or directory"));
@@ -471,6 +537,13 @@ TEST_F(EpaDlCache, LibraryIsOpenedForOthersToUse) {
     EXPECT_EQ(dlsym(RTLD_DEFAULT, "returns_seven"), nullptr);
     epa_dlopen(ROUTINES_LIBRARY);
     EXPECT_NE(dlsym(RTLD_DEFAULT, "returns_seven"), nullptr);
+}
+
+TEST_F(EpaDlCache, LibraryWhoseFunctionsAreNotAllThereIsOpened) {
+    // A function that is missing is missed when it is called.
+    void *const handle = epa_dlopen(UNRESOLVED_LIBRARY);
+    ASSERT_NE(handle, nullptr);
+    EXPECT_NE(dlsym(handle, "calls_what_is_missing"), nullptr);
 }
 
 TEST_F(EpaDlCache, DeletingTheContextClosesTheLibraries) {
