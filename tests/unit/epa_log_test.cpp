@@ -136,6 +136,51 @@ TEST_F(EpaExitAbnormallyDeathTest, NeedsNoContext) {
     EXPECT_EQ(error_file(), "before the start\n");
 }
 
+// Stands in for the context's allocator where the message finds no room, or only some.
+class EpaExitWithoutMemoryDeathTest : public EpaExitAbnormallyDeathTest {
+  protected:
+    void SetUp() override {
+        EpaExitAbnormallyDeathTest::SetUp();
+        start();
+    }
+
+    // Blocks of up to most bytes can be had; what was asked for is noted.
+    void exit_with_memory(int64_t most, const std::string &text) {
+        static int64_t most_;
+        most_ = most;
+        static allocator_desc_t operations = *epa_ctx_mgr_->alloc->desc;
+        operations.func_calloc = [](allocator_t *, int64_t bytes, const char *, int) -> void * {
+            fprintf(stderr, "calloc %ld\n", bytes);
+            return bytes <= most_ ? calloc(1, static_cast<size_t>(bytes)) : nullptr;
+        };
+        operations.func_realloc = [](allocator_t *, void *block, int64_t bytes, const char *,
+                                     int) -> void * {
+            fprintf(stderr, "realloc %ld\n", bytes);
+            return bytes <= most_ ? realloc(block, static_cast<size_t>(bytes)) : nullptr;
+        };
+        operations.func_free = [](allocator_t *, void *block, const char *, int) {
+            fprintf(stderr, "free\n");
+            free(block);
+        };
+        epa_ctx_mgr_->alloc->desc = &operations;
+        epa_exit_abnormally("x", 1, "%s", text.c_str());
+    }
+};
+
+TEST_F(EpaExitWithoutMemoryDeathTest, MessageHasItsRoomInStepsOf1024Bytes) {
+    const std::string text(2048, 'x');
+    EXPECT_EXIT(exit_with_memory(INT64_MAX, text), ExitedWithCode(1),
+                "^calloc 1024\nrealloc 2048\nrealloc 3072\nfree\n$");
+    EXPECT_EQ(error_file(), text + "\n");
+}
+
+TEST_F(EpaExitWithoutMemoryDeathTest, SizeThatCannotBeHadIsWrittenInPlaceOfTheMessage) {
+    EXPECT_EXIT(exit_with_memory(0, "short"), ExitedWithCode(1), "^calloc 1024\n$");
+    EXPECT_EXIT(exit_with_memory(2048, std::string(2048, 'x')), ExitedWithCode(1),
+                "^calloc 1024\nrealloc 2048\nrealloc 3072\n$");
+    EXPECT_EQ(error_file(), "malloc [1024] failed\nmalloc [3072] failed\n");
+}
+
 TEST_F(EpaExitAbnormallyDeathTest, FileThatCannotBeOpenedEndsTheProcessAllTheSame) {
     start();
     ASSERT_EQ(mkdir("extproc.err", 0700), 0);

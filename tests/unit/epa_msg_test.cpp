@@ -317,6 +317,7 @@ TEST_F(EpaMsgReply, NullOutPointerIsLongerThanANegativeMaximum) {
         EXPECT_EQ(fill(), ERROR_EPA_LENGTH_OVERFLOW) << type;
         EXPECT_STREQ(top_error()->file, "epa_msg");
         EXPECT_EQ(top_error()->line, 220);
+        EXPECT_STREQ(top_error()->func, "epa_msg_reply_param_set");
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <limits.h>
 
+#include "common/alloc/region_clialloc.h"
 #include "support/agent_context.h"
 
 namespace {
@@ -93,9 +94,10 @@ TEST_F(EpaOption, KeysAreCaseSensitiveAndUnknownOnesAreIgnored) {
 }
 
 TEST_F(EpaOption, KeyIsCutToThirtyOneCharacters) {
-    // 31 characters in all once the blanks before it are skipped: still no known key.
-    read(std::string("LOG_LVL") + std::string(30, 'X') + "=5\n");
-    EXPECT_EQ(epa_option_->log_lvl, 2u);
+    // What is cut off does not count; the blanks that then end the key are none of it.
+    read("LOG_LVL" + std::string(24, ' ') + "X=5\nMAX_LOG_SIZE" + std::string(18, ' ') + "X=7\n");
+    EXPECT_EQ(epa_option_->log_lvl, 5u);
+    EXPECT_EQ(epa_option_->max_log_size, 0);
 }
 
 TEST_F(EpaOption, ValueIsCutAtTheFirstEqualsSignOnly) {
@@ -113,6 +115,18 @@ TEST_F(EpaOption, LogDirectoryGivenTwiceLeavesTheHomeDirectoryIntact) {
     read("LOG_DIR=/tmp/one\nLOG_DIR=/tmp/two\n");
     EXPECT_STREQ(epa_option_->log_dir, "/tmp/two");
     EXPECT_EQ(home_.agent_dir(), epa_home_dir_);
+}
+
+TEST_F(EpaOption, LogDirectoryThatIsOverriddenIsReleased) {
+    const auto used_after = [this](const std::string &configuration) {
+        read(configuration);
+        const auto *const root = reinterpret_cast<const CLI_alloc_t *>(epa_ctx_mgr_->alloc);
+        const uint64_t used = root->total_used;
+        epa_context_mgr_delete();
+        return used;
+    };
+    EXPECT_EQ(used_after("LOG_DIR=/tmp/one\nLOG_DIR=/tmp/two\nLOG_DIR=/tmp/six\n"),
+              used_after("LOG_DIR=/tmp/one\n"));
 }
 
 TEST_F(EpaOption, LastLineNeedsNoNewline) {

@@ -162,7 +162,7 @@ TEST_F(EpaUsrUtil, EveryKnownCodeCanBeRaised) {
 }
 
 TEST_F(EpaUsrUtil, UnknownCodeIsRaisedByItsNumber) {
-    for (const int code : {999999, 140001, INT_MAX}) {
+    for (const int code : {1, 999999, 140001, INT_MAX}) {
         EXPECT_EQ(raise(code, "not used"), ERROR_EPA_INVALID_ERROR_CODE);
         EXPECT_EQ(std::string(top()->complete_desc),
                   " Invalid error code - " + std::to_string(code) + ".   ");
