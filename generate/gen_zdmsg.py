@@ -3,8 +3,8 @@
 
 usage: gen_zdmsg.py DESCRIPTION OUTPUT_DIR
 
-Writes zdmsg_meta_gen.{h,cpp} and zdmsg_setter_gen.{h,cpp} into OUTPUT_DIR. What the description
-means is in its own opening comment (src/common/zdmsg/messages.txt).
+Writes zdmsg_meta_gen, zdmsg_setter_gen and zdmsg_names_gen, each as .h and .cpp, into OUTPUT_DIR.
+What the description means is in its own opening comment (src/common/zdmsg/messages.txt).
 """
 
 import os
@@ -415,6 +415,96 @@ def setter_source(source, description):
     return lines[:-1]
 
 
+# ---- zdmsg_names_gen
+
+
+NAMES_HEADER = """\
+
+#ifndef ZDMSG_NAMES_GEN_H
+#define ZDMSG_NAMES_GEN_H
+
+#include "common/zd_base.h"
+
+ZD_BEGIN_DECLS
+
+// Field number field, counted from 0 in wire order, of a message or of an element record. It must
+// be there: nothing is checked.
+const char *zdmsg_field_name(int msg_type, int field);
+const char *zdmsg_struct_field_name(int struct_type, int field);
+
+// 1 when a string holds text, which ends before its first zero byte; 0 when it holds any bytes.
+uchar zdmsg_field_is_text(int msg_type, int field);
+uchar zdmsg_struct_field_is_text(int struct_type, int field);
+
+ZD_END_DECLS
+
+#endif"""
+
+NAMES_LOOKUPS = """\
+
+} // namespace
+
+const char *zdmsg_field_name(int msg_type, int field) {
+    return kNames + kFields[kMessages[msg_type] + field] % kText;
+}
+
+const char *zdmsg_struct_field_name(int struct_type, int field) {
+    return kNames + kFields[kStructs[struct_type] + field] % kText;
+}
+
+uchar zdmsg_field_is_text(int msg_type, int field) {
+    return kFields[kMessages[msg_type] + field] >= kText;
+}
+
+uchar zdmsg_struct_field_is_text(int struct_type, int field) {
+    return kFields[kStructs[struct_type] + field] >= kText;
+}"""
+
+TEXT = 0x8000
+
+
+def names_header(source):
+    purpose = [
+        "",
+        "What the fields of messages and element records are called. The field tables, which every",
+        "decoding walks, leave it out; reports and viewers want it.",
+    ]
+    lines = [line.rstrip() for line in opening(source, purpose)]
+    return lines + NAMES_HEADER.split("\n")
+
+
+def names_source(source, description):
+    """One string of all names, each once; for every field its place in there; for every table
+    its place among the fields."""
+    places, end, first, fields = {}, 0, {}, []
+    for record in description.records + description.messages:
+        first[record.name] = len(fields)
+        for field in record.fields:
+            if field.name not in places:
+                places[field.name] = end
+                end += len(field.name) + 1
+            fields.append(places[field.name] + (TEXT if field.kind == "text" else 0))
+    assert end < TEXT and len(fields) < 0x10000
+    lines = opening(source, ["Names of fields, packed: no pointer, nothing to relocate."])
+    lines += ["", '#include "common/zdmsg/zdmsg_names_gen.h"', "", "namespace {", ""]
+    lines.append("constexpr char kNames[] = //")
+    lines += ['    "%s\\0"' % name for name in places]
+    lines[-1] += ";"
+    lines += ["", "// Where a field's name begins; kText more when it is a text."]
+    lines.append("constexpr int kText = 0x%x;" % TEXT)
+    lines += numbers("kFields", fields)
+    lines += ["", "// Where the fields of a table begin."]
+    lines += numbers("kStructs", [first[record.name] for record in description.records])
+    lines += numbers("kMessages", [first[record.name] for record in description.messages])
+    return lines + NAMES_LOOKUPS.split("\n")
+
+
+def numbers(name, values):
+    head = "constexpr uint16_t %s[] = {" % name
+    # An array has an element, also in a description without records.
+    return wrapped(head, [str(value) for value in values or [0]], "};")
+
+
 def write(folder, name, lines):
     with open(os.path.join(folder, name), "w", encoding="ascii") as file:
         file.write("\n".join(lines) + "\n")
@@ -434,6 +524,8 @@ def main(arguments):
     write(folder, "zdmsg_meta_gen.cpp", meta_source(source, description))
     write(folder, "zdmsg_setter_gen.h", setter_header(source, description))
     write(folder, "zdmsg_setter_gen.cpp", setter_source(source, description))
+    write(folder, "zdmsg_names_gen.h", names_header(source))
+    write(folder, "zdmsg_names_gen.cpp", names_source(source, description))
 
 
 if __name__ == "__main__":

@@ -55,6 +55,7 @@ LAYERS = (
     """),
     ("wire", """
         common/zdmsg/zdmsg  common/zdmsg/zdmsg_meta_gen  common/zdmsg/zdmsg_setter_gen
+        common/zdmsg/zdmsg_names_gen  common/zdmsg/zdmsg_validate  common/zdmsg/zdmsg_wire
         common/xid_internal
     """),
     ("agent", """
@@ -68,7 +69,7 @@ LAYERS = (
 # Headers that the build writes, or that lie outside src/: they need not be found on disk.
 ELSEWHERE = {
     "common/ec", "common/zd_err_info", "common/zdmsg/zdmsg_meta_gen",
-    "common/zdmsg/zdmsg_setter_gen", "zdextproc",
+    "common/zdmsg/zdmsg_setter_gen", "common/zdmsg/zdmsg_names_gen", "zdextproc",
 }
 
 

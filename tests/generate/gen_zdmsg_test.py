@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import re
 import subprocess
 import sys
 import tempfile
@@ -55,10 +56,10 @@ class Generator(unittest.TestCase):
     def generated(self, name):
         return (pathlib.Path(self.temporary.name) / "out" / name).read_text(encoding="ascii")
 
-    def test_a_valid_description_gives_four_files_that_name_their_source(self):
+    def test_a_valid_description_gives_six_files_that_name_their_source(self):
         result = run(VALID, self.temporary.name)
         self.assertEqual((result.returncode, result.stderr), (0, ""))
-        for name in ("zdmsg_meta_gen", "zdmsg_setter_gen"):
+        for name in ("zdmsg_meta_gen", "zdmsg_setter_gen", "zdmsg_names_gen"):
             for suffix in (".h", ".cpp"):
                 first = self.generated(name + suffix).split("\n")[0]
                 self.assertEqual(
@@ -67,7 +68,8 @@ class Generator(unittest.TestCase):
                 )
 
     def test_the_same_description_gives_the_same_bytes(self):
-        names = ("zdmsg_meta_gen.h", "zdmsg_meta_gen.cpp", "zdmsg_setter_gen.h")
+        names = ("zdmsg_meta_gen.h", "zdmsg_meta_gen.cpp", "zdmsg_setter_gen.h",
+                 "zdmsg_names_gen.cpp")
         text = DESCRIPTION.read_text(encoding="ascii")
         run(text, self.temporary.name)
         first = [self.generated(name) for name in names]
@@ -79,6 +81,23 @@ class Generator(unittest.TestCase):
         for path in (pathlib.Path(self.temporary.name) / "out").iterdir():
             for line in path.read_text(encoding="ascii").split("\n"):
                 self.assertLessEqual(len(line), 100, line)
+
+    def test_a_name_is_kept_once_and_its_fields_point_at_it(self):
+        run(VALID + "\nmessage 2 last\n    key  text\n    leaf  int\n", self.temporary.name)
+        source = self.generated("zdmsg_names_gen.cpp")
+        names = "".join(re.findall(r'^    "(.*)\\0";?$', source, re.M))
+        self.assertEqual(names, "number" "value" "name" "below" "leaf" "key" "mark" "forest")
+        # Behind each name a zero byte; 0x8000 marks a text.
+        number, value, name, below, leaf, key, mark, forest = 0, 7, 13, 18, 24, 29, 33, 38
+        text = 0x8000
+        self.assertEqual(self.numbers(source, "kFields"), [
+            number, value, name + text, below, leaf, key, mark, forest, key + text, leaf])
+        self.assertEqual(self.numbers(source, "kStructs"), [0, 2])
+        self.assertEqual(self.numbers(source, "kMessages"), [5, 5, 8])
+
+    def numbers(self, source, name):
+        values = re.search(r"%s\[\] = \{(.*?)\}" % name, source, re.S).group(1)
+        return [int(value) for value in values.split(",")]
 
     def test_missing_file(self):
         command = [sys.executable, "-B", str(GENERATOR), "/nonexistent/d.txt", "/nonexistent"]

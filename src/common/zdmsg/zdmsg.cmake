@@ -1,9 +1,10 @@
-# What is typed about messages is generated from messages.txt: records, field tables, names,
-# setters. Included by src/CMakeLists.txt.
+# What is typed about messages is generated from messages.txt: records, field tables, setters,
+# names. Included by src/CMakeLists.txt.
 set(zdmsg_generated_dir ${CMAKE_CURRENT_BINARY_DIR}/common/zdmsg)
 set(zdmsg_generated
   ${zdmsg_generated_dir}/zdmsg_meta_gen.h ${zdmsg_generated_dir}/zdmsg_meta_gen.cpp
-  ${zdmsg_generated_dir}/zdmsg_setter_gen.h ${zdmsg_generated_dir}/zdmsg_setter_gen.cpp)
+  ${zdmsg_generated_dir}/zdmsg_setter_gen.h ${zdmsg_generated_dir}/zdmsg_setter_gen.cpp
+  ${zdmsg_generated_dir}/zdmsg_names_gen.h ${zdmsg_generated_dir}/zdmsg_names_gen.cpp)
 set(zdmsg_description ${CMAKE_CURRENT_SOURCE_DIR}/common/zdmsg/messages.txt)
 add_custom_command(
   OUTPUT ${zdmsg_generated}
