@@ -1,4 +1,4 @@
-// Bytes whose end lies against a page that cannot be touched: a read past them faults.
+// Bytes against a page that cannot be touched: a read past them, or before them, faults.
 
 #ifndef TESTS_SUPPORT_GUARDED_BYTES_H
 #define TESTS_SUPPORT_GUARDED_BYTES_H
@@ -14,23 +14,30 @@ class GuardedBytes {
     explicit GuardedBytes(size_t capacity) {
         const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
         usable_ = (capacity + page - 1) / page * page;
-        whole_ = usable_ + page;
-        start_ = static_cast<char *>(
-            mmap(nullptr, whole_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-        mprotect(start_ + usable_, page, PROT_NONE);
+        whole_ = usable_ + 2 * page;
+        mapped_ = static_cast<char *>(
+            mmap(nullptr, whole_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        start_ = mapped_ + page;
+        mprotect(start_, usable_, PROT_READ | PROT_WRITE);
     }
     GuardedBytes(const GuardedBytes &) = delete;
     GuardedBytes &operator=(const GuardedBytes &) = delete;
-    ~GuardedBytes() { munmap(start_, whole_); }
+    ~GuardedBytes() { munmap(mapped_, whole_); }
 
-    // Where a copy of bytes now lies; the copy of an earlier call is gone.
-    char *hold(const std::string &bytes) {
-        char *const at = start_ + usable_ - bytes.size();
+    // Where a copy of bytes now lies, its end against the page; the copy of an earlier call is
+    // gone.
+    char *hold(const std::string &bytes) { return put(start_ + usable_ - bytes.size(), bytes); }
+
+    // The same with the page before its start.
+    char *hold_in_front(const std::string &bytes) { return put(start_, bytes); }
+
+  private:
+    static char *put(char *at, const std::string &bytes) {
         memcpy(at, bytes.data(), bytes.size());
         return at;
     }
 
-  private:
+    char *mapped_;
     char *start_;
     size_t usable_;
     size_t whole_;
