@@ -92,6 +92,13 @@ inline std::string column_with_prefix(const std::string &data) {
            data;
 }
 
+// A length or count in a body: of a string, of an array, or the prefix of a column.
+struct Length {
+    size_t offset;
+    size_t size; // 4, or of a column's prefix 1 or 3
+    uint32_t value;
+};
+
 // A filled message, in memory and as the bytes of its body.
 class Sample {
   public:
@@ -101,6 +108,7 @@ class Sample {
 
     [[nodiscard]] char *record() { return reinterpret_cast<char *>(record_.data()); }
     [[nodiscard]] const std::string &body() const { return body_; }
+    [[nodiscard]] const std::vector<Length> &lengths() const { return lengths_; }
     [[nodiscard]] const Shape &shape() const { return shape_; }
 
     // What is wrong with a decoded record; empty when it holds this sample's values.
@@ -140,6 +148,10 @@ class Sample {
         return data;
     }
 
+    static size_t length_size(const Field &field, size_t data_size) {
+        return field.letter != 'c' ? 4 : data_size <= 250 ? 1 : 3;
+    }
+
     void fill(char *record, const Shape &shape, int depth) {
         for (const Field &field : shape.fields) {
             char *const member = record + field.offset;
@@ -158,6 +170,8 @@ class Sample {
                 const std::string data = next_data();
                 put(member,
                     Run{static_cast<int32_t>(data.size()), data.empty() ? nullptr : keep(data)});
+                lengths_.push_back({body_.size(), length_size(field, data.size()),
+                                    static_cast<uint32_t>(data.size())});
                 body_ +=
                     field.letter == 'c' ? padded(column_with_prefix(data)) : string_bytes(data);
             }
@@ -169,6 +183,7 @@ class Sample {
         arrays_.emplace_back(static_cast<size_t>(count) * element.size / 4 + 2, 0);
         char *const data = reinterpret_cast<char *>(arrays_.back().data());
         put(member, Run{count, count > 0 ? data : nullptr});
+        lengths_.push_back({body_.size(), 4, static_cast<uint32_t>(count)});
         body_ += big_endian(static_cast<uint32_t>(count));
         for (int32_t k = 0; k < count; k++)
             fill(data + static_cast<size_t>(k) * element.size, element, depth + 1);
@@ -217,6 +232,7 @@ class Sample {
     std::deque<std::vector<char>> kept_;
     std::deque<std::vector<uint32_t>> arrays_;
     std::string body_;
+    std::vector<Length> lengths_;
     uint32_t count_ = 0;
 };
 
