@@ -1,5 +1,7 @@
 #include "hex.h"
 
+#include <algorithm>
+
 namespace programs {
 
 std::string to_hex(ByteView bytes) {
@@ -36,6 +38,20 @@ std::optional<Bytes> from_hex(std::string_view text) {
         bytes.push_back(static_cast<uint8_t>(high * 16 + low));
     }
     return bytes;
+}
+
+std::vector<HexLine> hex_lines(ByteView bytes) {
+    std::vector<HexLine> lines;
+    for (size_t at = 0; at < bytes.size(); at += bytes_per_hex_line) {
+        const ByteView line = bytes.subspan(at, std::min(bytes_per_hex_line, bytes.size() - at));
+        const bool is_first_or_last = at == 0 || at + bytes_per_hex_line >= bytes.size();
+        const bool is_zero = std::ranges::all_of(line, [](uint8_t byte) { return byte == 0; });
+        if (is_first_or_last || !is_zero)
+            lines.push_back({at, line});
+        else if (!lines.back().bytes.empty())
+            lines.push_back({at, {}});
+    }
+    return lines;
 }
 
 } // namespace programs

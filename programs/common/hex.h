@@ -22,6 +22,17 @@ std::string to_hex(ByteView bytes);
 // Empty text is no bytes.
 std::optional<Bytes> from_hex(std::string_view text);
 
+// One line of a dump of many bytes.
+struct HexLine {
+    size_t at;      // of its first byte
+    ByteView bytes; // none: here, lines of nothing but zeros are left out
+};
+
+constexpr size_t bytes_per_hex_line = 16;
+
+// The first and the last line are always there.
+std::vector<HexLine> hex_lines(ByteView bytes);
+
 } // namespace programs
 
 #endif

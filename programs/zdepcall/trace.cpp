@@ -1,6 +1,5 @@
 #include "trace.h"
 
-#include <algorithm>
 #include <string>
 
 #include "common/zdmsg/zdmsg.h"
@@ -14,8 +13,6 @@
 namespace zdepcall {
 
 namespace {
-
-constexpr size_t bytes_per_line = 16;
 
 std::string_view as_text(ByteView bytes) {
     return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
@@ -81,7 +78,7 @@ class Tracer {
     }
 
     void print_error_stack(size_t start, ByteView stack) {
-        const std::vector<ErrorEntry> errors = decode_error_stack(stack);
+        const std::vector<ErrorEntry> errors = decode_error_stack(stack).entries;
         size_t end = start + 4;
         show_to(end, "errstack: " + std::to_string(stack.size()) + " bytes");
         end += error_stack::header_size;
@@ -141,26 +138,17 @@ class Tracer {
     }
 
     void lines(size_t from, size_t to, const std::string &label) {
-        bool skipping = false;
-        for (size_t at = from; at < to; at += bytes_per_line) {
-            const ByteView bytes = message_.subspan(at, std::min(bytes_per_line, to - at));
-            const bool is_zero =
-                std::all_of(bytes.begin(), bytes.end(), [](uint8_t byte) { return byte == 0; });
-            // A run of zeros shows its first line and a star.
-            if (at != from && is_zero && at + bytes_per_line < to) {
-                if (!skipping)
-                    std::fputs("        *\n", stream_);
-                skipping = true;
+        for (const HexLine &part : hex_lines(message_.subspan(from, to - from))) {
+            if (part.bytes.empty()) {
+                std::fputs("        *\n", stream_);
                 continue;
             }
-            skipping = false;
-            const std::string shown_label = at == from ? label : std::string();
-            std::string line = to_hex(bytes);
-            if (!shown_label.empty()) {
-                line.resize(bytes_per_line * 2, ' ');
-                line += "  " + shown_label;
+            std::string line = to_hex(part.bytes);
+            if (part.at == 0 && !label.empty()) {
+                line.resize(bytes_per_hex_line * 2, ' ');
+                line += "  " + label;
             }
-            std::fprintf(stream_, "  %04zx  %s\n", at, line.c_str());
+            std::fprintf(stream_, "  %04zx  %s\n", from + part.at, line.c_str());
         }
     }
 

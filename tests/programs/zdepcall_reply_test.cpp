@@ -116,7 +116,7 @@ TEST(ZdepcallReply, ErrorIsReadWithAllThatIsKnownOfIt) {
 TEST(ZdepcallReply, CodeThatTheCatalogueDoesNotKnowHasNoName) {
     Bytes stack = stack_of_one();
     stack[16 + 12] = 0x80;
-    EXPECT_EQ(decode_error_stack(stack).at(0).name, "");
+    EXPECT_EQ(decode_error_stack(stack).entries.at(0).name, "");
 }
 
 TEST(ZdepcallReply, ErrorWithAnEmptyStackIsStillAnError) {
@@ -130,7 +130,7 @@ TEST(ZdepcallReply, ErrorWithAnEmptyStackIsStillAnError) {
 TEST(ZdepcallReply, TextThatFillsItsFieldEndsWithIt) {
     Bytes stack = stack_of_one();
     std::fill_n(stack.begin() + 16 + 856, 80, uint8_t{'x'});
-    EXPECT_EQ(decode_error_stack(stack).at(0).function, std::string(80, 'x'));
+    EXPECT_EQ(decode_error_stack(stack).entries.at(0).function, std::string(80, 'x'));
 }
 
 TEST(ZdepcallReply, EveryTruncationIsRefused) {

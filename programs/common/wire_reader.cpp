@@ -1,6 +1,6 @@
 #include "wire_reader.h"
 
-namespace zdepcall {
+namespace programs {
 
 ByteView WireReader::bytes(size_t count, const char *what) {
     if (count > remaining())
@@ -39,4 +39,4 @@ ByteView WireReader::string(const char *what) {
     return bytes(padded_length(length), what).first(length);
 }
 
-} // namespace zdepcall
+} // namespace programs

@@ -1,8 +1,9 @@
-// Reads a message of the wire protocol field by field. The message comes from a process that has
-// run somebody's code: every length is held against the bytes that are really there.
+// Reads a message of the wire protocol field by field. The message may come from a process that has
+// run somebody's code, or from a file of any origin: every length is held against the bytes that
+// are really there.
 
-#ifndef ZDEPCALL_WIRE_READER_H
-#define ZDEPCALL_WIRE_READER_H
+#ifndef PROGRAM_WIRE_READER_H
+#define PROGRAM_WIRE_READER_H
 
 #include <cstdint>
 #include <stdexcept>
@@ -10,9 +11,7 @@
 
 #include "hex.h"
 
-namespace zdepcall {
-
-using namespace programs;
+namespace programs {
 
 struct MalformedMessage : std::runtime_error {
     using std::runtime_error::runtime_error;
@@ -45,6 +44,6 @@ constexpr size_t padded_length(size_t length) {
     return (length + 4) / 4 * 4;
 }
 
-} // namespace zdepcall
+} // namespace programs
 
 #endif
