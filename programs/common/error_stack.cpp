@@ -44,7 +44,8 @@ ErrorEntry decode_record(ByteView record) {
     entry.number = static_cast<uint32_t>(integer_at(record, number_offset));
     entry.is_for_user = record[for_user_offset] == '1';
     entry.sqlstate = field_text(record, sqlstate_offset, sqlstate_size);
-    entry.text = trimmed(field_text(record, text_offset, text_size));
+    entry.stored_text = field_text(record, text_offset, text_size);
+    entry.text = trimmed(entry.stored_text);
     entry.object_occurred = static_cast<uint32_t>(integer_at(record, object_occurred_offset));
     for (size_t at = 0; at < entry.span.size(); at++)
         entry.span[at] = integer_at(record, span_offset + at * 4);

@@ -56,7 +56,8 @@ struct ErrorEntry {
     uint32_t number = 0;
     bool is_for_user = false;
     std::string sqlstate;
-    std::string text; // without the blanks around it
+    std::string stored_text;
+    std::string text; // the same without the blanks around it
     uint32_t object_occurred = 0;
     std::array<int32_t, 6> span = {}; // first line, column, offset, then the last
     std::string file;

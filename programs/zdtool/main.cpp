@@ -22,6 +22,7 @@ struct Command {
 constexpr Command commands[] = {
     {"error", "look up an error by code, by name or by a word of its texts", run_error},
     {"literals", "show the literals of a SQL statement, and it without them", run_literals},
+    {"message", "show raw messages field by field, and say where one is malformed", run_message},
 };
 
 void print_help() {
