@@ -8,6 +8,7 @@
 
 #include "common/alloc/system_clialloc.h"
 #include "common/zdmsg/zdmsg_setter_gen.h"
+#include "common/zdmsg/zdmsg_validate.h"
 #include "support/abort_trap.h"
 #include "support/guarded_bytes.h"
 #include "support/hostile.h"
@@ -1040,6 +1041,23 @@ TEST_F(ZdmsgBadTable, ChunkIsNotPartOfAnElement) {
                                   " = .*\n\ti = 0 = 0 = 0x0\n\tstruct_type = 25 = .*\n"
                                   "\\[ZDMSG Dump\\]\n"));
         EXPECT_EQ(asserted([&] { encode_element(); }), "0") << kind;
+    }
+}
+
+TEST_F(ZdmsgBadTable, IsKnownBeforehandNotToBeDecoded) {
+    zdmsg_flaw_t flaw;
+    for (const zdmsg_field_type_t kind :
+         {ZDMSG_FIELD_COL, ZDMSG_FIELD_CHUNK, ZDMSG_FIELD_MAX, kNoKind}) {
+        OneField table(ZDMSG_OK_REPLY, -1, kind);
+        EXPECT_EQ(zdmsg_validate(ZDMSG_OK_REPLY, buffer_, 32, nullptr, &flaw), 0) << kind;
+        EXPECT_EQ(flaw.kind, ZDMSG_FLAW_TABLE) << kind;
+    }
+    for (const zdmsg_field_type_t kind : {ZDMSG_FIELD_CHUNK, ZDMSG_FIELD_MAX, kNoKind}) {
+        OneField table(0, ZDMSG_STRUCT_PID_LIST, kind);
+        buffer_[3] = 1;
+        EXPECT_EQ(zdmsg_validate(ZDMSG_ZDCM_SVR_PID_INFO, buffer_, 32, nullptr, &flaw), 0) << kind;
+        EXPECT_EQ(flaw.kind, ZDMSG_FLAW_TABLE) << kind;
+        EXPECT_STREQ(flaw.path, "pid_list[0].pid");
     }
 }
 
