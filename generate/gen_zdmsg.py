@@ -467,7 +467,8 @@ def names_header(source):
     purpose = [
         "",
         "What the fields of messages and element records are called. The field tables, which every",
-        "decoding walks, leave it out; reports and viewers want it.",
+        "decoding walks, leave it out; reports and viewers want it. The library does not export",
+        "these functions: a program of this tree that needs them compiles the same generated file.",
     ]
     lines = [line.rstrip() for line in opening(source, purpose)]
     return lines + NAMES_HEADER.split("\n")

@@ -88,12 +88,16 @@ void complain(const std::string &about, const std::string &text) {
 
 // The messages of text, which is called name in complaints; nothing after a complaint.
 std::optional<Bytes> messages_of(const std::string &name, const std::string &text, Form form) {
-    if (form == Form::RAW)
-        return Bytes(text.begin(), text.end());
     if (form == Form::DUMP)
         return messages_of_dumps(text);
     size_t wrong = 0;
     std::optional<Bytes> bytes = from_loose_hex(text, &wrong);
+    if (form == Form::RAW) {
+        if (!bytes || bytes->empty())
+            return Bytes(text.begin(), text.end());
+        complain(name, "this is hexadecimal text (try --hex)"); // no type begins with such bytes
+        return std::nullopt;
+    }
     if (!bytes)
         complain(name, wrong == text.size() ? "not hexadecimal: the last digit stands alone"
                                             : "not hexadecimal: " + quoted(text.substr(wrong, 1)) +

@@ -452,6 +452,13 @@ TEST(ZdtoolMessageInput, ThatIsNotHexadecimalIsAFault) {
               "zdtool: --bytes: not hexadecimal: the last digit stands alone\n");
 }
 
+TEST(ZdtoolMessageInput, ThatIsHexadecimalUnannouncedIsNotTakenForBytes) {
+    const ProgramRun run = message({}, request);
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.complaints, "zdtool: standard input: this is hexadecimal text (try --hex)\n");
+    EXPECT_THAT(run.output, IsEmpty());
+}
+
 TEST(ZdtoolMessageInput, WithoutAMessageIsAFault) {
     for (const char *form : {"--hex", "--dump"}) {
         const ProgramRun run = message({form}, "\n");
