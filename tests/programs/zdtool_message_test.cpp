@@ -471,9 +471,10 @@ TEST(ZdtoolMessageInput, WithoutAMessageIsAFault) {
 
 TEST(ZdtoolMessageInput, MayBeWhatTheLibraryDumpedWhenItRefusedAMessage) {
     std::string body = bytes_of("00000001 000000");
-    zdmsg_t msg = {body.data(), 0, 0, ZDMSG_FETCH, 7, 42};
+    zdmsg_fetch_t msg;
+    msg.base = {body.data(), 0, 0, ZDMSG_FETCH, 7, 42};
     AbortTrap trap;
-    ASSERT_TRUE(trap.aborts([&] { zdmsg_deserialize_body(nullptr, &msg, body.data()); }));
+    ASSERT_TRUE(trap.aborts([&] { zdmsg_deserialize_body(nullptr, &msg.base, body.data()); }));
     const ProgramRun run = message({"--dump"}, "before\n" + trap.text() + "after\n" + trap.text());
     EXPECT_EQ(run.status, 1);
     const std::string what = "ZDMSG_FETCH\n"
@@ -487,9 +488,10 @@ TEST(ZdtoolMessageInput, MayBeWhatTheLibraryDumpedWhenItRefusedAMessage) {
 TEST(ZdtoolMessageInput, MayBeALongDump) {
     const std::string body = zdmsg_shapes::string_bytes(std::string(700, 'a'));
     std::string raw_body = body.substr(0, 700);
-    zdmsg_t msg = {raw_body.data(), 0, 0, ZDMSG_TMC_CHUNK, 700, 0};
+    zdmsg_tmc_chunk_t msg;
+    msg.base = {raw_body.data(), 0, 0, ZDMSG_TMC_CHUNK, 700, 0};
     AbortTrap trap;
-    ASSERT_TRUE(trap.aborts([&] { zdmsg_deserialize_body(nullptr, &msg, raw_body.data()); }));
+    ASSERT_TRUE(trap.aborts([&] { zdmsg_deserialize_body(nullptr, &msg.base, raw_body.data()); }));
     const Bytes messages = messages_of_dumps(trap.text());
     EXPECT_EQ(std::string(messages.begin(), messages.end()), raw(207, raw_body));
 }

@@ -197,13 +197,16 @@ TEST(XidDecompress, RefusesMoreThanDataCanHold) {
         return std::string(8, '\0') + static_cast<char>(gtrid) + static_cast<char>(bqual) +
                std::string(510, 'x');
     };
-    EXPECT_EQ(asserted([&] { xa_xid_internal_decompress(head(64, 64).data(), &read); }), "");
-    EXPECT_EQ(asserted([&] { xa_xid_internal_decompress(head(128, 0).data(), &read); }), "");
+    const auto condition_for = [&](int gtrid, int bqual) {
+        const std::string bytes = head(gtrid, bqual); // outlives the abort
+        return asserted([&] { xa_xid_internal_decompress(bytes.data(), &read); });
+    };
+    EXPECT_EQ(condition_for(64, 64), "");
+    EXPECT_EQ(condition_for(128, 0), "");
     const char *const condition = "data_holds(gtrid_length, bqual_length)";
-    EXPECT_EQ(asserted([&] { xa_xid_internal_decompress(head(64, 65).data(), &read); }), condition);
-    EXPECT_EQ(asserted([&] { xa_xid_internal_decompress(head(129, 0).data(), &read); }), condition);
-    EXPECT_EQ(asserted([&] { xa_xid_internal_decompress(head(255, 255).data(), &read); }),
-              condition);
+    EXPECT_EQ(condition_for(64, 65), condition);
+    EXPECT_EQ(condition_for(129, 0), condition);
+    EXPECT_EQ(condition_for(255, 255), condition);
 }
 
 // ---- Comparison
