@@ -121,11 +121,12 @@ class BodyWalker {
     void column(const char *name) {
         const size_t left = reader_.remaining();
         int32_t prefix_size = 0;
-        const auto length = static_cast<size_t>(zdmsg_column_len(
-            as_chars(body_) + reader_.position(), static_cast<int64_t>(left), &prefix_size));
-        const ByteView value = reader_.bytes(padded_length(length), name).first(length);
-        printer_.column(name, value.first(static_cast<size_t>(prefix_size)),
-                        value.subspan(static_cast<size_t>(prefix_size)));
+        const int32_t length = zdmsg_column_len(as_chars(body_) + reader_.position(),
+                                                static_cast<int64_t>(left), &prefix_size);
+        const auto prefix = static_cast<size_t>(prefix_size);
+        const size_t whole = prefix + static_cast<size_t>(length);
+        const ByteView value = reader_.bytes(padded_length(whole), name).first(whole);
+        printer_.column(name, value.first(prefix), value.subspan(prefix));
     }
 
     bool array(const char *name, const Table &element) {

@@ -6,6 +6,7 @@
 #include <initializer_list>
 
 #include "client/common/client_assert.h"
+#include "common/zdmsg/zdmsg_wire.h"
 
 // Wire forms. Integers are big-endian; pad(n) is n + 1 rounded up to the next multiple of 4, and
 // the bytes from n to pad(n) are zero.
@@ -28,11 +29,11 @@ constexpr int64_t kIntSize = sizeof(int32_t);
 // every element record has a field.
 constexpr int64_t kLeastElementSize = 4;
 
-constexpr int kLongestShortColumn = 250;
-constexpr int kLongColumnMark = 254;
+constexpr int kLongestShortColumn = ZDMSG_LONGEST_SHORT_COLUMN;
+constexpr int kLongColumnMark = ZDMSG_LONG_COLUMN_MARK;
 
-constexpr int64_t padded(int64_t length) {
-    return (length + kIntSize) & ~(kIntSize - 1);
+inline int64_t padded(int64_t length) {
+    return zdmsg_padded(length);
 }
 
 // Members are reached through memcpy: the tables know their offsets, not their types.
@@ -384,23 +385,10 @@ inline bool take_string(Body body, int64_t &offset, char *member, int32_t &str_l
     return str_len >= 0 && offset <= body.size;
 }
 
-// False when the column is not whole. The member keeps the prefix. What lies behind the body counts
-// as zero: such a column is not whole anyway.
+// False when the column is not whole. The member keeps the prefix.
 inline bool take_column(Body body, int64_t &offset, char *member, int32_t &col_len) {
-    const auto byte = [&](int64_t ahead) -> int32_t {
-        return offset + ahead < body.size ? static_cast<unsigned char>(body.bytes[offset + ahead])
-                                          : 0;
-    };
-    int32_t len = byte(0);
-    int32_t prefix_size = 1;
-    if (len == kLongColumnMark) {
-        len = byte(1) * 256 + byte(2);
-        prefix_size = 3;
-    } else if (len > kLongestShortColumn) {
-        // No writer makes such a prefix, but this is how it has always been read.
-        len = byte(1) == kLongColumnMark ? 3 : 1;
-        prefix_size = 3;
-    }
+    int32_t prefix_size;
+    const int32_t len = zdmsg_column_len(body.bytes + offset, body.size - offset, &prefix_size);
     col_len = prefix_size + len;
     store(member, zdmsg_col_t{col_len, body.bytes + offset});
     offset += padded(col_len);

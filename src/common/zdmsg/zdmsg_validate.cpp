@@ -158,8 +158,8 @@ class Walk {
 
     bool take_column(const Place *place) {
         int32_t prefix_size;
-        const int64_t padded =
-            zdmsg_padded(zdmsg_column_len(bytes_ + offset_, left(), &prefix_size));
+        const int32_t length = zdmsg_column_len(bytes_ + offset_, left(), &prefix_size);
+        const int64_t padded = zdmsg_padded(prefix_size + length);
         if (padded > left())
             return fail(place, ZDMSG_FLAW_LENGTH, padded, left());
         offset_ += padded;

@@ -24,21 +24,21 @@ static inline int32_t zdmsg_read_int(const char *bytes) {
     return (int32_t)__builtin_bswap32(value);
 }
 
-// The length of the column value whose prefix begins at bytes, prefix included. Looks at no more
+// The length of the column value whose prefix begins at bytes, prefix left out. Looks at no more
 // than left bytes: what lies behind counts as zero, and such a column is not whole anyway.
 static inline int32_t zdmsg_column_len(const char *bytes, int64_t left, int32_t *prefix_size) {
     const int32_t first = left > 0 ? (unsigned char)bytes[0] : 0;
     if (first <= ZDMSG_LONGEST_SHORT_COLUMN) {
         *prefix_size = 1;
-        return 1 + first;
+        return first;
     }
     const int32_t second = left > 1 ? (unsigned char)bytes[1] : 0;
     const int32_t third = left > 2 ? (unsigned char)bytes[2] : 0;
     *prefix_size = 3;
     if (first == ZDMSG_LONG_COLUMN_MARK)
-        return 3 + second * 256 + third;
+        return second * 256 + third;
     // No writer makes such a prefix, but this is how it has always been read.
-    return 3 + (second == ZDMSG_LONG_COLUMN_MARK ? 3 : 1);
+    return second == ZDMSG_LONG_COLUMN_MARK ? 3 : 1;
 }
 
 #endif
