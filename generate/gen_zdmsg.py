@@ -485,7 +485,8 @@ def names_source(source, description):
                 places[field.name] = end
                 end += len(field.name) + 1
             fields.append(places[field.name] + (TEXT if field.kind == "text" else 0))
-    assert end < TEXT and len(fields) < 0x10000
+    if end >= TEXT or len(fields) > 0xFFFF:
+        sys.exit("gen_zdmsg.py: %s: too many names for 15 bits, or fields for 16" % source)
     lines = opening(source, ["Names of fields, packed: no pointer, nothing to relocate."])
     lines += ["", '#include "common/zdmsg/zdmsg_names_gen.h"', "", "namespace {", ""]
     lines.append("constexpr char kNames[] = //")
@@ -517,16 +518,20 @@ def main(arguments):
     path, folder = arguments
     try:
         description = zdmsg_description.read(path)
-    except (OSError, UnicodeDecodeError, zdmsg_description.DescriptionError) as error:
+    except (OSError, zdmsg_description.DescriptionError) as error:
         sys.exit("gen_zdmsg.py: %s" % error)
     source = os.path.basename(path)
+    files = {
+        "zdmsg_meta_gen.h": meta_header(source, description),
+        "zdmsg_meta_gen.cpp": meta_source(source, description),
+        "zdmsg_setter_gen.h": setter_header(source, description),
+        "zdmsg_setter_gen.cpp": setter_source(source, description),
+        "zdmsg_names_gen.h": names_header(source),
+        "zdmsg_names_gen.cpp": names_source(source, description),
+    }
     os.makedirs(folder, exist_ok=True)
-    write(folder, "zdmsg_meta_gen.h", meta_header(source, description))
-    write(folder, "zdmsg_meta_gen.cpp", meta_source(source, description))
-    write(folder, "zdmsg_setter_gen.h", setter_header(source, description))
-    write(folder, "zdmsg_setter_gen.cpp", setter_source(source, description))
-    write(folder, "zdmsg_names_gen.h", names_header(source))
-    write(folder, "zdmsg_names_gen.cpp", names_source(source, description))
+    for name, lines in files.items():
+        write(folder, name, lines)
 
 
 if __name__ == "__main__":

@@ -63,8 +63,8 @@ class Description:
 
 
 def read(path):
-    with open(path, encoding="ascii") as file:
-        lines = file.read().split("\n")
+    with open(path, "rb") as file:
+        lines = file.read().split(b"\n")
     return _Reader(path).read(lines)
 
 
@@ -82,7 +82,10 @@ class _Reader:
         raise DescriptionError("%s:%d: %s" % (self.path, self.line, reason))
 
     def read(self, lines):
-        for self.line, line in enumerate(lines, start=1):
+        for self.line, written in enumerate(lines, start=1):
+            if not written.isascii():
+                self.fail("a byte that is not ASCII")
+            line = written.decode("ascii").rstrip("\r")
             if line.startswith("#"):
                 self.comment.append(line[1:].strip())
                 continue

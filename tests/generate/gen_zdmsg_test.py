@@ -111,6 +111,20 @@ class Generator(unittest.TestCase):
         self.assertEqual(result.returncode, 1)
         self.assertEqual(result.stderr, "usage: gen_zdmsg.py DESCRIPTION OUTPUT_DIR\n")
 
+    def test_bytes_beyond_ascii(self):
+        text = "message 0 a\n    x  int\n# gr\u00fc\u00dfe\n"
+        self.refuses(text, 3, "a byte that is not ASCII")
+
+    def test_more_names_than_can_be_kept(self):
+        text = "message 0 a\n" + "".join("    %s%d  int\n" % ("n" * 60, k) for k in range(600))
+        result = run(text, self.temporary.name)
+        self.assertEqual(result.returncode, 1)
+        self.assertEqual(
+            result.stderr,
+            "gen_zdmsg.py: description.txt: too many names for 15 bits, or fields for 16\n",
+        )
+        self.assertFalse(os.path.exists(os.path.join(self.temporary.name, "out")))
+
     def test_no_message(self):
         self.refuses("record 0 struct_a\n    x  int\n", 3, "no message at all")
 
