@@ -29,7 +29,11 @@ packages_of() {
         ;;
     lint) echo clang clang-format clang-tidy git ;;
     fuzz) echo clang libclang-rt-14-dev ;;
-    bench) echo libbenchmark-dev libffi-dev libtalloc-dev libapr1-dev libpg-query-dev pkg-config ;;
+    bench)
+        echo libbenchmark-dev libffi-dev libtalloc-dev libapr1-dev libpg-query-dev pkg-config
+        echo flatbuffers-compiler libflatbuffers-dev capnproto libcapnp-dev
+        echo protobuf-compiler libprotobuf-dev
+        ;;
     package) echo dpkg-dev file ;;
     *) return 1 ;;
     esac
