@@ -49,6 +49,19 @@ void store(char *member, Member value) {
     memcpy(member, &value, sizeof value);
 }
 
+// Member by member: between len and data a string has bytes that need no value.
+void store_string(char *member, int32_t len, char *data) {
+    static_assert(offsetof(zdmsg_str_t, len) == 0);
+    store(member, len);
+    store(member + offsetof(zdmsg_str_t, data), data);
+}
+
+void store_array(char *member, int32_t array_cnt, void *data) {
+    static_assert(offsetof(zdmsg_array_t, array_cnt) == 0);
+    store(member, array_cnt);
+    store(member + offsetof(zdmsg_array_t, data), data);
+}
+
 int32_t get_int(const char *bytes) {
     return static_cast<int32_t>(__builtin_bswap32(load<uint32_t>(bytes)));
 }
@@ -73,6 +86,54 @@ const zdmsg_struct_meta_t &struct_meta_of(int struct_type) {
 // an array. The kinds that a table may hold differ between the two.
 enum class Level { kMessage, kElement };
 
+// Most fields are integers: the walkers ask for them first, and stay with those that follow in a
+// loop of their own.
+inline zdmsg_field_type_t kind_of(const zdmsg_field_t *field) {
+    return static_cast<zdmsg_field_type_t>(__builtin_expect(field->type, ZDMSG_FIELD_INT));
+}
+
+inline bool is_int(const zdmsg_field_t *field, const zdmsg_field_t *end) {
+    return field != end && field->type == ZDMSG_FIELD_INT;
+}
+
+// Integers of a table that are neighbours in the record, as they are on the wire: in many records
+// they are worth handling as a whole.
+struct IntRun {
+    const zdmsg_field_t *first; // nullptr: there is none, or it is not worth finding
+    const zdmsg_field_t *last;
+    int64_t size; // in bytes, of all together
+};
+
+IntRun find_int_run(const zdmsg_struct_meta_t &meta) {
+    constexpr int kLongRun = 4;
+    const zdmsg_field_t *const end = meta.fields + meta.field_cnt;
+    for (const zdmsg_field_t *first = meta.fields; first != end; first++) {
+        int count = 0;
+        while (is_int(first + count, end) &&
+               first[count].offset == first->offset + count * kIntSize)
+            count++;
+        if (count >= kLongRun)
+            return {first, first + count - 1, count * kIntSize};
+    }
+    return {nullptr, nullptr, 0};
+}
+
+inline IntRun int_run_of(const zdmsg_struct_meta_t &meta, int32_t records) {
+    constexpr int32_t kManyRecords = 8;
+    return records < kManyRecords ? IntRun{nullptr, nullptr, 0} : find_int_run(meta);
+}
+
+// Turns size bytes of integers from one byte order into the other, two integers at a time.
+inline void copy_swapped(char *to, const char *from, int64_t size) {
+    int64_t done = 0;
+    for (; done < size - kIntSize; done += 2 * kIntSize) {
+        const uint64_t both = __builtin_bswap64(load<uint64_t>(from + done));
+        store(to + done, both << 32 | both >> 32);
+    }
+    if (done < size)
+        store(to + done, __builtin_bswap32(load<uint32_t>(from + done)));
+}
+
 // ---- Sizes and encoding, which trust the record but for what would run out of its memory
 
 // Only the low 16 bits of a column's len are looked at, so longer values cannot be carried.
@@ -84,9 +145,11 @@ int64_t column_size(int32_t len) {
     return padded(column_prefix_size(len) + (len > 0 ? len : 0));
 }
 
-void check_string(const zdmsg_str_t &str) {
+inline zdmsg_str_t checked_string(const char *member) {
+    const zdmsg_str_t str = load<zdmsg_str_t>(member);
     ZD_ASSERT(kUnit, str.len >= 0);
     ZD_ASSERT(kUnit, str.len == 0 || str.data != NULL);
+    return str;
 }
 
 const char *first_element(const zdmsg_array_t &array) {
@@ -94,41 +157,44 @@ const char *first_element(const zdmsg_array_t &array) {
     return static_cast<const char *>(array.data);
 }
 
+// Goes field by field through all records, not record by record: where all take up the same, that
+// is a product.
 template <Level kLevel>
-int64_t size_of_records(const char *record, int32_t count, zdmsg_struct_meta_t meta) {
+int64_t size_of_records(const char *records, int32_t count, const zdmsg_struct_meta_t &meta) {
+    if (count <= 0)
+        return 0;
     int64_t size = 0;
-    for (; count > 0; count--, record += meta.size) {
-        for (int i = 0; i < meta.field_cnt; i++) {
-            const zdmsg_field_t &field = meta.fields[i];
-            const char *const member = record + field.offset;
-            switch (field.type) {
-            case ZDMSG_FIELD_INT:
-                size += kIntSize;
-                break;
-            case ZDMSG_FIELD_STR: {
-                const zdmsg_str_t str = load<zdmsg_str_t>(member);
-                check_string(str);
-                size += kIntSize + padded(str.len);
-                break;
-            }
-            case ZDMSG_FIELD_COL:
-                if (kLevel == Level::kMessage)
-                    zd_assert_fail("0", kUnit, __LINE__);
-                size += column_size(load<zdmsg_col_t>(member).len);
-                break;
-            case ZDMSG_FIELD_FIXED:
-                size += field.type_or_len;
-                break;
-            case ZDMSG_FIELD_ARRAY: {
-                const zdmsg_array_t array = load<zdmsg_array_t>(member);
-                size += kIntSize +
-                        size_of_records<Level::kElement>(first_element(array), array.array_cnt,
-                                                         _zdmsg_struct_meta[field.type_or_len]);
-                break;
-            }
-            default:
+    for (int i = 0; i < meta.field_cnt; i++) {
+        const zdmsg_field_t &field = meta.fields[i];
+        const char *member = records + field.offset;
+        switch (field.type) {
+        case ZDMSG_FIELD_INT:
+            size += count * kIntSize;
+            break;
+        case ZDMSG_FIELD_STR:
+            size += count * kIntSize;
+            for (int32_t j = 0; j < count; j++, member += meta.size)
+                size += padded(checked_string(member).len);
+            break;
+        case ZDMSG_FIELD_COL:
+            if (kLevel == Level::kMessage)
                 zd_assert_fail("0", kUnit, __LINE__);
+            for (int32_t j = 0; j < count; j++, member += meta.size)
+                size += column_size(load<zdmsg_col_t>(member).len);
+            break;
+        case ZDMSG_FIELD_FIXED:
+            size += int64_t{count} * field.type_or_len;
+            break;
+        case ZDMSG_FIELD_ARRAY:
+            size += count * kIntSize;
+            for (int32_t j = 0; j < count; j++, member += meta.size) {
+                const zdmsg_array_t array = load<zdmsg_array_t>(member);
+                size += size_of_records<Level::kElement>(first_element(array), array.array_cnt,
+                                                         _zdmsg_struct_meta[field.type_or_len]);
             }
+            break;
+        default:
+            zd_assert_fail("0", kUnit, __LINE__);
         }
     }
     return size;
@@ -136,17 +202,36 @@ int64_t size_of_records(const char *record, int32_t count, zdmsg_struct_meta_t m
 
 // The put functions write at a place and return the one behind.
 
+// Most strings, columns and fixed fields are short: up to 16 bytes go without a call, as two words
+// that may overlap.
+inline void copy(char *to, const char *from, int32_t len) {
+    if (len > 16) {
+        memcpy(to, from, static_cast<size_t>(len));
+    } else if (len >= 8) {
+        const uint64_t first = load<uint64_t>(from);
+        const uint64_t last = load<uint64_t>(from + len - 8);
+        store(to, first);
+        store(to + len - 8, last);
+    } else if (len >= 4) {
+        const uint32_t first = load<uint32_t>(from);
+        const uint32_t last = load<uint32_t>(from + len - 4);
+        store(to, first);
+        store(to + len - 4, last);
+    } else {
+        for (int32_t i = 0; i < len; i++)
+            to[i] = from[i];
+    }
+}
+
 // Zeroes the last word, which holds all padding, before the data goes over it.
-char *put_padded(char *start, int64_t prefix_size, const char *data, int32_t len) {
+inline char *put_padded(char *start, int64_t prefix_size, const char *data, int32_t len) {
     const int64_t size = padded(prefix_size + len);
     store(start + size - kIntSize, int32_t{0});
-    if (len > 0)
-        memcpy(start + prefix_size, data, static_cast<size_t>(len));
+    copy(start + prefix_size, data, len);
     return start + size;
 }
 
 char *put_string(char *at, const zdmsg_str_t &str) {
-    check_string(str);
     return put_padded(put_int(at, str.len), 0, str.data, str.len);
 }
 
@@ -167,18 +252,29 @@ char *put_column(char *at, const zdmsg_col_t &col) {
 
 // Adds to sent_apart what belongs to the body but is not written here: the data of chunks.
 template <Level kLevel>
-char *put_records(char *at, const char *record, int32_t count, zdmsg_struct_meta_t meta,
+char *put_records(char *at, const char *record, int32_t count, const zdmsg_struct_meta_t &meta,
                   int64_t *sent_apart) {
-    for (; count > 0; count--, record += meta.size) {
-        for (int i = 0; i < meta.field_cnt; i++) {
-            const zdmsg_field_t &field = meta.fields[i];
-            const char *const member = record + field.offset;
-            switch (field.type) {
+    const zdmsg_field_t *const fields = meta.fields;
+    const zdmsg_field_t *const end = fields + meta.field_cnt;
+    const int64_t stride = meta.size;
+    const IntRun run = int_run_of(meta, count);
+    for (; count > 0; count--, record += stride) {
+        for (const zdmsg_field_t *field = fields; field != end; field++) {
+            const char *const member = record + field->offset;
+            switch (kind_of(field)) {
             case ZDMSG_FIELD_INT:
+                if (field == run.first) {
+                    copy_swapped(at, member, run.size);
+                    at += run.size;
+                    field = run.last;
+                    break;
+                }
                 at = put_int(at, load<int32_t>(member));
+                while (is_int(field + 1, end))
+                    at = put_int(at, load<int32_t>(record + (++field)->offset));
                 break;
             case ZDMSG_FIELD_STR:
-                at = put_string(at, load<zdmsg_str_t>(member));
+                at = put_string(at, checked_string(member));
                 break;
             case ZDMSG_FIELD_COL:
                 if (kLevel == Level::kMessage)
@@ -186,14 +282,14 @@ char *put_records(char *at, const char *record, int32_t count, zdmsg_struct_meta
                 at = put_column(at, load<zdmsg_col_t>(member));
                 break;
             case ZDMSG_FIELD_FIXED:
-                memcpy(at, member, static_cast<size_t>(field.type_or_len));
-                at += field.type_or_len;
+                copy(at, member, field->type_or_len);
+                at += field->type_or_len;
                 break;
             case ZDMSG_FIELD_ARRAY: {
                 const zdmsg_array_t array = load<zdmsg_array_t>(member);
                 at = put_records<Level::kElement>(put_int(at, array.array_cnt),
                                                   first_element(array), array.array_cnt,
-                                                  _zdmsg_struct_meta[field.type_or_len], nullptr);
+                                                  _zdmsg_struct_meta[field->type_or_len], nullptr);
                 break;
             }
             case ZDMSG_FIELD_CHUNK: {
@@ -295,16 +391,18 @@ struct Detail {
 
 constexpr int kMaxDetails = 9;
 
-// Where a decoder stands, for its reports: record j of a run, field i of the table.
+// Where a decoder stands, for its reports: record j of a run, a field of the table.
 struct Place {
     const Decoder *decoder;
     int64_t offset;
     int type;
-    int i;
+    const zdmsg_field_t *field;
+    const zdmsg_field_t *fields;
     int j;
 
+    [[nodiscard]] int i() const { return static_cast<int>(field - fields); }
     [[nodiscard]] Place moved_to(int64_t new_offset) const {
-        return {decoder, new_offset, type, i, j};
+        return {decoder, new_offset, type, field, fields, j};
     }
 };
 
@@ -331,7 +429,7 @@ template <class Checks>
     const Decoder &decoder = *place.decoder;
     Detail details[kMaxDetails];
     int count = 0;
-    details[count++] = {"i", place.i};
+    details[count++] = {"i", place.i()};
     if (Checks::kLevel == Level::kElement)
         details[count++] = {"j", place.j};
     details[count++] = {Checks::kRecordType, place.type};
@@ -345,7 +443,7 @@ template <class Checks>
 template <class Checks>
 [[noreturn, gnu::cold, gnu::noinline]] void fail_kind(Place place, int kind, int line) {
     const Detail details[] = {
-        {Checks::kFieldType, kind}, {"i", place.i}, {Checks::kRecordType, place.type}};
+        {Checks::kFieldType, kind}, {"i", place.i()}, {Checks::kRecordType, place.type}};
     report(place.decoder->msg, "0", line, Checks::kFunction, details, 3);
 }
 
@@ -354,9 +452,9 @@ template <class Checks>
 template <class Checks>
 inline void check_int(Place place, Body body, const zdmsg_field_t &field, int struct_size,
                       int line) {
-    if (ZD_UNLIKELY(body.size - place.offset < kIntSize))
+    if (ZD_UNLIKELY(place.offset > body.size - kIntSize))
         fail<Checks>(place, Checks::kIntFits, line);
-    if (Checks::kLevel == Level::kElement && ZD_UNLIKELY(field.offset + kIntSize > struct_size))
+    if (Checks::kLevel == Level::kElement && ZD_UNLIKELY(field.offset > struct_size - kIntSize))
         fail<Checks>(
             place, kIntFitsRecord, line,
             {{"struct_meta->fields[i].offset", field.offset}, {"struct_size", struct_size}});
@@ -367,9 +465,9 @@ template <class Checks>
 inline void check_fixed(Place place, Body body, const zdmsg_field_t &field, int struct_size,
                         int line) {
     const int64_t len = field.type_or_len;
-    if (ZD_UNLIKELY(body.size - place.offset < len))
+    if (ZD_UNLIKELY(place.offset > body.size - len))
         fail<Checks>(place, Checks::kLenFits, line, {{Checks::kFieldLen, field.type_or_len}});
-    if (Checks::kLevel == Level::kElement && ZD_UNLIKELY(field.offset + len > struct_size))
+    if (Checks::kLevel == Level::kElement && ZD_UNLIKELY(field.offset > struct_size - len))
         fail<Checks>(place, kLenFitsRecord, line,
                      {{Checks::kFieldLen, field.type_or_len},
                       {"struct_meta->fields[i].offset", field.offset},
@@ -380,7 +478,7 @@ inline void check_fixed(Place place, Body body, const zdmsg_field_t &field, int 
 inline bool take_string(Body body, int64_t &offset, char *member, int32_t &str_len) {
     str_len = get_int(body.bytes + offset);
     offset += kIntSize;
-    store(member, zdmsg_str_t{str_len, body.bytes + offset});
+    store_string(member, str_len, body.bytes + offset);
     offset += padded(str_len);
     return str_len >= 0 && offset <= body.size;
 }
@@ -390,7 +488,7 @@ inline bool take_column(Body body, int64_t &offset, char *member, int32_t &col_l
     int32_t prefix_size;
     const int32_t len = zdmsg_column_len(body.bytes + offset, body.size - offset, &prefix_size);
     col_len = prefix_size + len;
-    store(member, zdmsg_col_t{col_len, body.bytes + offset});
+    store_string(member, col_len, body.bytes + offset);
     offset += padded(col_len);
     return offset <= body.size;
 }
@@ -405,56 +503,75 @@ int64_t decode_elements(Decoder &decoder, int64_t offset, char *member, int32_t 
 // Before every field offset <= body_size holds: each check stands before the next read.
 template <class Checks>
 int64_t decode_records(Decoder &decoder, int64_t offset, char *record, int32_t count,
-                       int64_t stride, int type, zdmsg_struct_meta_t meta, int struct_size) {
+                       int64_t stride, int type, const zdmsg_struct_meta_t &meta, int struct_size) {
     constexpr bool kNested = Checks::kLevel == Level::kElement;
     const Body body = decoder.body;
+    const zdmsg_field_t *const fields = meta.fields;
+    const zdmsg_field_t *const end = fields + meta.field_cnt;
+    const IntRun run = int_run_of(meta, count);
     for (int32_t j = 0; j < count; j++, record += stride) {
         if (stride != 0)
             decoder.claimed -= kLeastElementSize;
-        for (int i = 0; i < meta.field_cnt; i++) {
-            const zdmsg_field_t &field = meta.fields[i];
-            char *const member = record + field.offset;
-            const Place place = {&decoder, offset, type, i, j};
+        for (const zdmsg_field_t *field = fields; field != end; field++) {
+            char *const member = record + field->offset;
+            const Place place = {&decoder, offset, type, field, fields, j};
             int32_t len;
-            switch (field.type) {
-            case ZDMSG_FIELD_INT:
-                check_int<Checks>(place, body, field, struct_size, __LINE__);
-                store(member, get_int(body.bytes + offset));
-                offset += kIntSize;
-                break;
-            case ZDMSG_FIELD_STR:
-                check_int<Checks>(place, body, field, struct_size, __LINE__);
+            // Apart from the others: after integers, strings are what there is most of.
+            if (field->type == ZDMSG_FIELD_STR) {
+                check_int<Checks>(place, body, *field, struct_size, __LINE__);
                 if (ZD_UNLIKELY(!take_string(body, offset, member, len)))
                     fail<Checks>(place.moved_to(offset), Checks::kWithin, __LINE__,
                                  {{"str_len", len}});
+                continue;
+            }
+            switch (kind_of(field)) {
+            case ZDMSG_FIELD_INT:
+                // A run that does not fit is taken integer by integer, up to the one that fails.
+                if (field == run.first && offset <= body.size - run.size &&
+                    field->offset <= struct_size - run.size) {
+                    copy_swapped(member, body.bytes + offset, run.size);
+                    offset += run.size;
+                    field = run.last;
+                    break;
+                }
+                check_int<Checks>(place, body, *field, struct_size, __LINE__);
+                store(member, get_int(body.bytes + offset));
+                offset += kIntSize;
+                while (is_int(field + 1, end)) {
+                    field++;
+                    check_int<Checks>({&decoder, offset, type, field, fields, j}, body, *field,
+                                      struct_size, __LINE__);
+                    store(record + field->offset, get_int(body.bytes + offset));
+                    offset += kIntSize;
+                }
                 break;
             case ZDMSG_FIELD_COL:
                 if (!kNested)
-                    fail_kind<Checks>(place, field.type, __LINE__);
+                    fail_kind<Checks>(place, field->type, __LINE__);
                 if (ZD_UNLIKELY(!take_column(body, offset, member, len)))
                     fail<Checks>(place.moved_to(offset), Checks::kWithin, __LINE__,
                                  {{"str_len", len}});
                 break;
             case ZDMSG_FIELD_FIXED:
-                len = field.type_or_len;
-                check_fixed<Checks>(place, body, field, struct_size, __LINE__);
-                memcpy(member, body.bytes + offset, static_cast<size_t>(len));
+                len = field->type_or_len;
+                check_fixed<Checks>(place, body, *field, struct_size, __LINE__);
+                copy(member, body.bytes + offset, len);
                 offset += len;
                 break;
             case ZDMSG_FIELD_ARRAY:
-                check_int<Checks>(place, body, field, struct_size, __LINE__);
+                check_int<Checks>(place, body, *field, struct_size, __LINE__);
                 len = get_int(body.bytes + offset);
                 offset += kIntSize;
-                store(member, zdmsg_array_t{len, nullptr});
+                store_array(member, len, nullptr);
                 if (len <= 0)
                     break;
                 if (ZD_UNLIKELY(decoder.depth == ZDMSG_MAX_NESTING))
                     fail<Checks>(place.moved_to(offset), "depth < ZDMSG_MAX_NESTING", __LINE__,
                                  {{"depth", decoder.depth}});
-                offset = decode_elements(decoder, offset, member, len, field.type_or_len);
+                offset = decode_elements(decoder, offset, member, len, field->type_or_len);
                 break;
             default:
-                fail_kind<Checks>(place, field.type, __LINE__);
+                fail_kind<Checks>(place, field->type, __LINE__);
             }
         }
     }
@@ -473,7 +590,7 @@ int64_t decode_elements(Decoder &decoder, int64_t offset, char *member, int32_t 
     const bool can_fit = decoder.claimed + least <= decoder.body.size - offset;
     const int64_t size = (can_fit ? count : 1) * int64_t{meta.size};
     char *const data = static_cast<char *>(zd_malloc(decoder.alloc, size, kUnit, __LINE__));
-    store(member, zdmsg_array_t{count, data});
+    store_array(member, count, data);
     decoder.claimed += can_fit ? least : 0;
     decoder.depth++;
     offset = decode_records<ElementChecks>(decoder, offset, data, count, can_fit ? meta.size : 0,
@@ -644,8 +761,8 @@ void zdmsg_struct_deserialize(allocator_t *alloc, zdmsg_t *msg, int *offset, voi
     const zdmsg_struct_meta_t &meta = struct_meta_of(struct_type);
     Decoder decoder = {alloc, msg, {msg->raw, msg->body_size}, 0, 0};
     if (ZD_UNLIKELY(*offset > decoder.body.size))
-        fail<ElementChecks>({&decoder, *offset, struct_type, 0, 0}, ElementChecks::kWithin,
-                            __LINE__);
+        fail<ElementChecks>({&decoder, *offset, struct_type, meta.fields, meta.fields, 0},
+                            ElementChecks::kWithin, __LINE__);
     *offset = static_cast<int>(decode_records<ElementChecks>(
         decoder, *offset, static_cast<char *>(record), 1, 0, struct_type, meta, struct_size));
 }
@@ -657,7 +774,7 @@ void zdmsg_free(allocator_t *alloc, zdmsg_t *msg) {
     for (int i = 0; i < meta.field_cnt; i++) {
         const zdmsg_field_t &field = meta.fields[i];
         const char *const member = record + field.offset;
-        switch (field.type) {
+        switch (kind_of(&field)) {
         case ZDMSG_FIELD_STR:
             if (msg->str_auto_free != 0 && load<zdmsg_str_t>(member).len != 0)
                 zd_free(alloc, load<zdmsg_str_t>(member).data, kUnit, __LINE__);
