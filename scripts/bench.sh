@@ -8,8 +8,9 @@ usage() {
 usage: scripts/bench.sh [--quick] [QUESTION...]
        scripts/bench.sh --endurance
 
-  QUESTION      round_trip, trampoline, direct_request, request_memory, start, idle_memory or
-                another bench/QUESTION_bench.cpp; without any: all of them (some two minutes)
+  QUESTION      round_trip, trampoline, direct_request, request_memory, start, idle_memory, encode,
+                decode or another bench/QUESTION_bench.cpp; without any: all of them (some three
+                minutes)
   --quick       fewer and shorter repetitions: for a first look, not for a claim
   --endurance   100,000 calls through one agent, then failing ones: resident memory and open
                 descriptors along the way, no peers
