@@ -10,7 +10,7 @@ usage: scripts/setup.sh [GROUP...]
 Installs what is missing of the named groups, as root or through sudo.
 
   build     compiler, CMake, Ninja, Python, flex (part of every other group; the default)
-  test      GoogleTest, debugger, OpenSSL, unwinder, ELF tools, ps: for scripts/test.sh
+  test      GoogleTest, debugger, OpenSSL, unwinder, ELF tools, ps, tshark: for scripts/test.sh
   lint      clang-format and clang-tidy: for scripts/lint.sh
   fuzz      Clang and its fuzzer run-time
   bench     the peers that scripts/bench.sh measures against
@@ -25,7 +25,7 @@ packages_of() {
     build) echo g++ cmake ninja-build python3 flex ;;
     test)
         echo libgtest-dev libgmock-dev libunwind-dev gdb libssl-dev
-        echo binutils pkg-config man-db dpkg-dev file procps
+        echo binutils pkg-config man-db dpkg-dev file procps tshark
         ;;
     lint) echo clang clang-format clang-tidy git ;;
     fuzz) echo clang libclang-rt-14-dev ;;
