@@ -28,7 +28,7 @@ RECORD = [
     Member(24, 1, "char", "is_usrerr", "'1' when the error is meant for the user, else '0'"),
     Member(25, 6, "text", "sqlstate", "five characters"),
     Member(31, 712, "text", "complete_desc", "the message"),
-    Member(744, 4, "uint", "obj_id_occurred", "object in which it occurred; 0xFFFFFFFF when unknown"),
+    Member(744, 4, "uint", "obj_id_occurred", "object where it occurred; 0xFFFFFFFF when unknown"),
     Member(748, 4, "int", "first_line", "where the span in the source text begins; 0 without one"),
     Member(752, 4, "int", "first_col", ""),
     Member(756, 4, "int", "first_offset", ""),
