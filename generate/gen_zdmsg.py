@@ -351,12 +351,17 @@ def store(field):
     return wrapped("    copy_fixed(", parts, ");")
 
 
+def measured_last(fields):
+    """Measuring a text takes a call. What was stored before need not be kept across it."""
+    return sorted(fields, key=lambda field: field.kind == "text")
+
+
 def setter(record):
     lines = wrapped("void %s(" % setter_name(record, "set"), parameters(record), ") {")
     lines.append("    ZD_ASSERT(kUnit, zdmsg != NULL);")
     if record.is_message:
         lines.append("    start(&zdmsg->base, %s);" % c_constant(record))
-    for field in record.fields:
+    for field in measured_last(record.fields):
         lines += store(field)
     lines += ["}", ""]
     lines += wrapped("void %s(" % setter_name(record, "set2"), parameters(record), ") {")
@@ -399,7 +404,7 @@ void copy_fixed(char *member, const char *from, size_t size, const char *conditi
 
 
 def setter_source(source, description):
-    lines = opening(source, ["The setters."])
+    lines = opening(source, ["The setters. Texts come last: measuring them takes a call."])
     lines += [
         "",
         '#include "common/zdmsg/zdmsg_setter_gen.h"',

@@ -163,6 +163,7 @@ template <Level kLevel>
 int64_t size_of_records(const char *records, int32_t count, const zdmsg_struct_meta_t &meta) {
     if (count <= 0)
         return 0;
+    const int64_t stride = meta.size;
     int64_t size = 0;
     for (int i = 0; i < meta.field_cnt; i++) {
         const zdmsg_field_t &field = meta.fields[i];
@@ -173,13 +174,13 @@ int64_t size_of_records(const char *records, int32_t count, const zdmsg_struct_m
             break;
         case ZDMSG_FIELD_STR:
             size += count * kIntSize;
-            for (int32_t j = 0; j < count; j++, member += meta.size)
+            for (int32_t j = 0; j < count; j++, member += stride)
                 size += padded(checked_string(member).len);
             break;
         case ZDMSG_FIELD_COL:
             if (kLevel == Level::kMessage)
                 zd_assert_fail("0", kUnit, __LINE__);
-            for (int32_t j = 0; j < count; j++, member += meta.size)
+            for (int32_t j = 0; j < count; j++, member += stride)
                 size += column_size(load<zdmsg_col_t>(member).len);
             break;
         case ZDMSG_FIELD_FIXED:
@@ -187,7 +188,7 @@ int64_t size_of_records(const char *records, int32_t count, const zdmsg_struct_m
             break;
         case ZDMSG_FIELD_ARRAY:
             size += count * kIntSize;
-            for (int32_t j = 0; j < count; j++, member += meta.size) {
+            for (int32_t j = 0; j < count; j++, member += stride) {
                 const zdmsg_array_t array = load<zdmsg_array_t>(member);
                 size += size_of_records<Level::kElement>(first_element(array), array.array_cnt,
                                                          _zdmsg_struct_meta[field.type_or_len]);
@@ -261,6 +262,11 @@ char *put_records(char *at, const char *record, int32_t count, const zdmsg_struc
     for (; count > 0; count--, record += stride) {
         for (const zdmsg_field_t *field = fields; field != end; field++) {
             const char *const member = record + field->offset;
+            // Apart from the others: after integers, strings are what there is most of.
+            if (field->type == ZDMSG_FIELD_STR) {
+                at = put_string(at, checked_string(member));
+                continue;
+            }
             switch (kind_of(field)) {
             case ZDMSG_FIELD_INT:
                 if (field == run.first) {
@@ -272,9 +278,6 @@ char *put_records(char *at, const char *record, int32_t count, const zdmsg_struc
                 at = put_int(at, load<int32_t>(member));
                 while (is_int(field + 1, end))
                     at = put_int(at, load<int32_t>(record + (++field)->offset));
-                break;
-            case ZDMSG_FIELD_STR:
-                at = put_string(at, checked_string(member));
                 break;
             case ZDMSG_FIELD_COL:
                 if (kLevel == Level::kMessage)
