@@ -183,7 +183,7 @@ TEST_F(ZdUtilFile, FileWhoseDirectoriesHaveShortNamesMayHaveALongOne) {
 }
 
 TEST_F(ZdUtilFile, LongestDirectoryOfAFileThatTheSystemTakesIsCreated) {
-    for (const size_t length : {PATH_MAX - 1, PATH_MAX}) {
+    for (const size_t length : {size_t{PATH_MAX} - 1, size_t{PATH_MAX}}) {
         std::string path = dir_;
         while (path.size() + 2 <= length)
             path += "/.";
