@@ -522,11 +522,11 @@ class Mapped {
   public:
     static constexpr size_t kSize = 65536;
 
-    explicit Mapped(const std::string &bytes, void *where = nullptr) {
+    explicit Mapped(const std::string &bytes, callstack_ip_t where = 0) {
         const std::string path = dir_.path() + "/file";
         std::ofstream(path) << bytes;
         const int fd = open(path.c_str(), O_RDONLY);
-        start_ = mmap(where, kSize, PROT_READ, MAP_PRIVATE, fd, 0);
+        start_ = mmap(reinterpret_cast<void *>(where), kSize, PROT_READ, MAP_PRIVATE, fd, 0);
         close(fd);
         EXPECT_NE(start_, MAP_FAILED);
     }
@@ -778,13 +778,20 @@ TEST(ElfFile, OnlyDefinedFunctionsCount) {
     EXPECT_EQ(file.at(0x140).name, "wanted");
 }
 
+// The start of that much address space that nothing is mapped to.
+callstack_ip_t free_addresses(size_t size) {
+    void *const start = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    munmap(start, size);
+    return address(start);
+}
+
 TEST(ElfFile, AbsoluteFunctionIsNotMoved) {
-    void *const where = reinterpret_cast<void *>(0x200000000000);
-    const Mapped file(ElfFile({{"moved", kLinkAddress + 0x100},
-                               {"absolute", 0x200000000000 + 0x180, STT_FUNC, SHN_ABS}})
-                          .bytes(),
-                      where);
-    ASSERT_EQ(file.base(), address(where));
+    const callstack_ip_t where = free_addresses(Mapped::kSize);
+    const Mapped file(
+        ElfFile({{"moved", kLinkAddress + 0x100}, {"absolute", where + 0x180, STT_FUNC, SHN_ABS}})
+            .bytes(),
+        where);
+    ASSERT_EQ(file.base(), where);
     EXPECT_EQ(file.at(0x17f).name, "moved");
     EXPECT_EQ(file.at(0x180).name, "absolute");
 }
@@ -796,10 +803,9 @@ TEST(ElfFile, FirstOfSeveralAtOneAddressIsTaken) {
 }
 
 TEST(ElfFile, AddressBetweenTwoMappingsIsTheSecondOnes) {
-    const Mapped first(ElfFile({{"first", kLinkAddress}}).bytes(),
-                       reinterpret_cast<void *>(0x200000000000));
-    const Mapped second(ElfFile({{"second", kLinkAddress}}).bytes(),
-                        reinterpret_cast<void *>(0x200000000000 + Mapped::kSize));
+    const callstack_ip_t where = free_addresses(2 * Mapped::kSize);
+    const Mapped first(ElfFile({{"first", kLinkAddress}}).bytes(), where);
+    const Mapped second(ElfFile({{"second", kLinkAddress}}).bytes(), where + Mapped::kSize);
     ASSERT_EQ(second.base(), first.base() + Mapped::kSize);
     EXPECT_EQ(first.at(Mapped::kSize - 1).name, "first");
     EXPECT_EQ(first.at(Mapped::kSize).name, "second");
