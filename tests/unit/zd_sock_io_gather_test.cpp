@@ -517,7 +517,8 @@ TEST_F(TimedGatheredWrite, TimeUsedUpByAWaitEndsItAtTheNextShortSend) {
 TEST_F(TimedGatheredWrite, FailedWaitIsThrown) {
     scripted_send.answers = {takes(1, EAGAIN)};
     scripted_poll.answers = {fails_with(EINTR), fails_with(EINVAL)};
-    EXPECT_EQ(client_try([&] { write({"abc"}, 90); }), -18017);
+    iovec vector = {buffer_, 3};
+    EXPECT_EQ(client_try([&] { zd_sock_writev_timeo(near_, &vector, 1, 90, -1); }), -18017);
     EXPECT_EQ(errno, EINVAL);
 }
 
