@@ -108,6 +108,60 @@ void choose_alpha4_letters(const auto_param_info_t *info) {
     }
 }
 
+// Where a literal stands. The text is put together from places alone: of a million literals the
+// records would have to come from memory once more.
+struct place_t {
+    int offset;
+    int length;
+};
+constexpr int kFewLiterals = 64;
+
+// What there is to replace, and by what.
+struct layout_t {
+    int count;
+    int digits;
+    int name_length;
+    int64_t literal_bytes;
+    place_t *places; // few, or a block
+    place_t few[kFewLiterals];
+};
+
+void free_places(layout_t *layout, allocator_t *alloc) {
+    if (layout->places != layout->few)
+        zd_free(alloc, layout->places, "lit_cnv", __LINE__);
+}
+
+// Lays out count literals, and sets in them how much longer they are than a name. Returns how many
+// there really are.
+int lay_out(layout_t *layout, int count, const char *prefix, const listc_t *list,
+            allocator_t *alloc) {
+    layout->count = count;
+    layout->digits = count == 1 ? 1 : digits_for(count);
+    layout->name_length = static_cast<int>(strlen(prefix)) + layout->digits + 1;
+    layout->literal_bytes = 0;
+    layout->places = layout->few;
+    if (count > kFewLiterals)
+        layout->places = static_cast<place_t *>(zd_malloc(
+            alloc, int64_t{count} * static_cast<int64_t>(sizeof(place_t)), "lit_cnv", __LINE__));
+    int found = 0;
+    list_for_each(link, &list->link) {
+        literal_t *const literal = literal_of(link);
+        const int length = static_cast<int>(strlen(literal->text));
+        literal->diff = length - layout->name_length;
+        layout->literal_bytes += length;
+        if (found < count)
+            layout->places[found] = {literal->offset, length};
+        found++;
+    }
+    return found;
+}
+
+// The ordinal of the last tells how many there are, in a list as the scan made it.
+int expected_count(const listc_t *list) {
+    const int idx = list_is_empty(&list->link) ? 0 : literal_of(list->link.prev)->idx;
+    return idx > 0 ? idx : 0;
+}
+
 // Writes the first name of a statement.
 void write_name(char *to, const char *prefix, int digits) {
     const size_t prefix_length = strlen(prefix);
@@ -142,8 +196,7 @@ listc_t *lit_cnv_get_literal_list(char *stmt, uchar big_lit_only, auto_param_inf
     scanner->set_extra(&extra, scan);
     scanner->lex(scan);
     scanner->destroy(scan);
-    const list_t *const links = &extra.literal_list->link;
-    ap_info->literal_cnt = list_is_empty(links) ? 0 : literal_of(links->prev)->idx;
+    ap_info->literal_cnt = expected_count(extra.literal_list);
     return extra.literal_list;
 }
 
@@ -166,37 +219,36 @@ char *lit_cnv_get_replaced_sql(char *stmt, char *param_prefix, listc_t *literal_
                                allocator_t *alloc) {
     ZD_ASSERT("lit_cnv", alloc != NULL);
     ZD_ASSERT("lit_cnv", stmt != NULL);
-    int count = 0;
-    int64_t literal_bytes = 0;
-    list_for_each(link, &literal_list->link) {
-        literal_t *const literal = literal_of(link);
-        literal->diff = static_cast<int>(strlen(literal->text));
-        literal_bytes += literal->diff;
-        count++;
+    layout_t layout;
+    const int expected = expected_count(literal_list);
+    const int found = lay_out(&layout, expected, param_prefix, literal_list, alloc);
+    if (found != expected) {
+        free_places(&layout, alloc);
+        lay_out(&layout, found, param_prefix, literal_list, alloc);
     }
-    const int digits = count == 1 ? 1 : digits_for(count);
-    const int name_length = static_cast<int>(strlen(param_prefix)) + digits + 1;
-    const int64_t stmt_length = static_cast<int64_t>(strlen(stmt));
-    const int64_t length = stmt_length - literal_bytes + int64_t{count} * name_length;
+    const place_t *const end = layout.places + layout.count;
+    const int rest = layout.count == 0 ? 0 : end[-1].offset + end[-1].length;
+    const int64_t stmt_length = rest + static_cast<int64_t>(strlen(stmt + rest));
+    const int64_t length =
+        stmt_length - layout.literal_bytes + int64_t{layout.count} * layout.name_length;
     char *const replaced = static_cast<char *>(zd_malloc(alloc, length + 1, "lit_cnv", __LINE__));
 
     const char *from = stmt;
     char *to = replaced;
     const char *last_name = nullptr;
-    list_for_each(link, &literal_list->link) {
-        literal_t *const literal = literal_of(link);
-        const size_t before = static_cast<size_t>(stmt + literal->offset - from);
+    for (const place_t *place = layout.places; place != end; place++) {
+        const size_t before = static_cast<size_t>(stmt + place->offset - from);
         memcpy(to, from, before);
         to += before;
         if (last_name == nullptr)
-            write_name(to, param_prefix, digits);
+            write_name(to, param_prefix, layout.digits);
         else
-            write_next_name(to, last_name, name_length);
+            write_next_name(to, last_name, layout.name_length);
         last_name = to;
-        to += name_length;
-        from += before + static_cast<size_t>(literal->diff);
-        literal->diff -= name_length;
+        to += layout.name_length;
+        from += before + static_cast<size_t>(place->length);
     }
     memcpy(to, from, static_cast<size_t>(stmt + stmt_length - from) + 1);
+    free_places(&layout, alloc);
     return replaced;
 }

@@ -120,6 +120,32 @@ const char *beginning_of(const char *stop, const char *at) {
     return is_pair ? stop - 1 : stop;
 }
 
+int count_newlines(const char *at, const char *end) {
+    const __m128i zero = _mm_setzero_si128();
+    __m128i counts = zero; // two, of the halves
+    for (; end - at >= 16; at += 16)
+        counts =
+            _mm_add_epi64(counts, _mm_sad_epu8(_mm_sub_epi8(zero, equal(load(at), '\n')), zero));
+    int64_t halves[2];
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(halves), counts);
+    int count = static_cast<int>(halves[0] + halves[1]);
+    for (; at < end; at++)
+        count += *at == '\n' ? 1 : 0;
+    return count;
+}
+
+const char *last_newline(const char *at, const char *end) {
+    return static_cast<const char *>(memrchr(at, '\n', static_cast<size_t>(end - at)));
+}
+
+void note_newlines(literal_scanner_head_t *head, const char *at, const char *end) {
+    const int count = count_newlines(at, end);
+    if (count == 0)
+        return;
+    head->newlines_read += count;
+    head->last_newline = last_newline(at, end);
+}
+
 const char *find(const char *at, const char *end, char c) {
     return at < end ? static_cast<const char *>(memchr(at, c, static_cast<size_t>(end - at)))
                     : nullptr;
@@ -209,19 +235,8 @@ void literal_scanner_free(void *block, void *scanner) {
         free(block);
 }
 
-void literal_scanner_move_place(void *scanner, const char *text, int length) {
-    literal_scanner_head_t *const head = literal_scanner_head(scanner);
-    const char *const end = text + length;
-    const char *line = text;
-    while (const void *const newline = memchr(line, '\n', static_cast<size_t>(end - line))) {
-        line = static_cast<const char *>(newline) + 1;
-        head->line++;
-        head->column = 0;
-    }
-    head->column += static_cast<int>(end - line);
-}
-
-int literal_read(literal_scanner_extra_t *extra, char *buffer, ptrdiff_t kept, int room) {
+int literal_read(literal_scanner_extra_t *extra, char *buffer, ptrdiff_t kept, int room,
+                 void *scanner) {
     const int wanted = kept > kPiece ? static_cast<int>(kept) : kPiece;
     const unsigned int most = static_cast<unsigned int>(wanted < room ? wanted : room);
     unsigned int total = 0;
@@ -230,11 +245,31 @@ int literal_read(literal_scanner_extra_t *extra, char *buffer, ptrdiff_t kept, i
         if (piece > extra->stmt_len)
             piece = extra->stmt_len;
         memcpy(buffer + total, extra->stmt, piece);
+        note_newlines(literal_scanner_head(scanner), extra->stmt, extra->stmt + piece);
         extra->stmt += piece;
         extra->stmt_len -= piece;
         total += piece;
     }
     return static_cast<int>(total);
+}
+
+void literal_scanner_move_place(void *scanner, const char *text, const char *end,
+                                const char *read) {
+    literal_scanner_head_t *const head = literal_scanner_head(scanner);
+    const int read_behind = count_newlines(end, read);
+    const int passed = head->newlines_read - read_behind;
+    if (passed > 0) {
+        const char *const newline = read_behind == 0 ? head->last_newline : last_newline(text, end);
+        head->line += passed;
+        head->column = static_cast<int>(end - newline) - 1;
+    } else {
+        head->column += static_cast<int>(end - text);
+    }
+    head->newlines_read = read_behind;
+}
+
+void literal_scanner_note_text(void *scanner, const char *text, const char *end) {
+    note_newlines(literal_scanner_head(scanner), text, end);
 }
 
 const char *literal_pass_inert(const char *at, const char *start, const char *end, bool is_last) {

@@ -16,6 +16,8 @@ struct literal_scanner_head_t {
     char *room_end;
     int line;
     int column;
+    int newlines_read;        // in what was read and not yet scanned to its end
+    const char *last_newline; // the last of them
 };
 
 inline literal_scanner_head_t *literal_scanner_head(void *scanner) {
@@ -30,12 +32,16 @@ void *literal_scanner_alloc(size_t size, void *scanner);
 void *literal_scanner_realloc(void *block, size_t size, void *scanner);
 // block may be the scanner itself.
 void literal_scanner_free(void *block, void *scanner);
-// The scan went over so much text.
-void literal_scanner_move_place(void *scanner, const char *text, int length);
 
-// Copies the next piece of the statement, or as many as double what was kept, into the buffer.
-// Returns the number of bytes, 0 at the end of the statement.
-int literal_read(literal_scanner_extra_t *extra, char *buffer, ptrdiff_t kept, int room);
+// Copies the next piece of the statement, or as much again as was kept, into the buffer. Returns
+// the number of bytes, 0 at the end of the statement.
+int literal_read(literal_scanner_extra_t *extra, char *buffer, ptrdiff_t kept, int room,
+                 void *scanner);
+// The same for a text that is in the buffer from the start, as far as the place goes.
+void literal_scanner_note_text(void *scanner, const char *text, const char *end);
+
+// The scan went from text to end; text has been noted up to read.
+void literal_scanner_move_place(void *scanner, const char *text, const char *end, const char *read);
 
 // The first place from at on that one of the rules may care for; what lies before it are whole
 // words and signs that none of them does. Requires that at is behind a token, in the buffer from

@@ -280,6 +280,31 @@ TEST_F(LitCnv, NewTextIsAllocatedAsLongAsItIs) {
     EXPECT_EQ(alloc_.asked.back(), 17 + 1);
 }
 
+TEST_F(LitCnv, ListMayBeAPartOfWhatTheScanFound) {
+    std::string stmt = "select 1";
+    for (int i = 0; i < 100; i++)
+        stmt += ", 2";
+    stmt += ", 'x'";
+    auto_param_info_t info;
+    listc_t *const list =
+        lit_cnv_get_literal_list(stmt.data(), 0, &info, ZDSTR_CHARSET_ASCII, alloc_.get());
+    listc_t *const part = listc_new(alloc_.get());
+    listc_add_tail(reinterpret_cast<listc_t *>(list->link.next)->data, part, alloc_.get());
+    listc_add_tail(reinterpret_cast<listc_t *>(list->link.prev)->data, part, alloc_.get());
+    char chosen[] = ":x";
+    char *const text = lit_cnv_get_replaced_sql(stmt.data(), chosen, part, alloc_.get());
+    std::string expected = "select :x0\"";
+    for (int i = 0; i < 100; i++)
+        expected += ", 2";
+    EXPECT_EQ(text, expected + ", :x1\"");
+    EXPECT_EQ(literals_of(part)[0].diff, 1 - 4);
+    EXPECT_EQ(literals_of(part)[1].diff, 3 - 4);
+    zd_free(alloc_.get(), text, "test", 1);
+    listc_free(part, alloc_.get());
+    free_literals(list, alloc_.get());
+    EXPECT_EQ(alloc_.still_out(), 0U);
+}
+
 TEST_F(LitCnv, AnyPrefixWillDo) {
     std::string stmt = "select 1,2,3,4,5,6,7,8,9,0";
     for (const char *wanted : {"", "9", "999", ":x"}) {
