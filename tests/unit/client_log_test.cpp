@@ -18,8 +18,10 @@
 #include <thread>
 #include <vector>
 
+#include "common/alloc/region_clialloc.h"
 #include "common/alloc/system_clialloc.h"
 #include "common/zd_fcntl.h"
+#include "support/test_allocator.h"
 
 namespace {
 
@@ -152,6 +154,25 @@ TEST_F(ClientLog, FreedHandleTakesItsRegionAlong) {
     ASSERT_EQ(_system_allocator.child.prev, &other->alloc->link);
     client_log_hdl_free(other, &_system_allocator);
     EXPECT_EQ(_system_allocator.child.prev, &hdl_->alloc->link);
+}
+
+TEST_F(ClientLog, FreedHandleGivesItsRecordBack) {
+    TestAllocator parent;
+    list_init(&parent.get()->child);
+    client_log_hdl_t *const other = client_log_hdl_new(parent.get());
+    ASSERT_EQ(parent.live_blocks(), 1);
+    client_log_hdl_free(other, parent.get());
+    EXPECT_EQ(parent.live_blocks(), 0);
+}
+
+TEST_F(ClientLog, FreedHandleClosesItsFile) {
+    client_log_hdl_t *const other = client_log_hdl_new(&_system_allocator);
+    ASSERT_EQ(client_log_hdl_set_log_attr(other, "EPA", LOG_LVL_WARN, dir_.c_str(), "other.log", 0,
+                                          0, record),
+              0);
+    const int fd = fileno(other->fp);
+    client_log_hdl_free(other, &_system_allocator);
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
 }
 
 TEST_F(ClientLog, FileNameCarriesCreationTimeAndProcess) {
@@ -367,6 +388,13 @@ TEST_F(ClientLog, LinesAroundEveryBufferSizeAreWhole) {
         write(message);
         EXPECT_EQ(after_header(log().substr(start)), "[FAT] " + message + "\n") << size;
     }
+}
+
+TEST_F(ClientLog, LinesLeaveNothingInTheHandlesRegion) {
+    ASSERT_EQ(open(LOG_LVL_WARN), 0);
+    write("short");
+    write(std::string(5000, 'm'));
+    EXPECT_EQ(reinterpret_cast<const CLI_alloc_t *>(hdl_->alloc)->total_used, 0u);
 }
 
 TEST_F(ClientLog, MessageThatCannotBeFormattedLeavesItsFormat) {
