@@ -150,6 +150,14 @@ TEST_F(SmallVictim, LargerSmallBinIsSplitAndTheOldVictimBinned) {
     EXPECT_EQ(region_.check(), 0);
 }
 
+TEST_F(SmallVictim, OfExactlyTheSizeIsTakenBeforeALargerSmallBin) {
+    EXPECT_EQ(offset_of(region_, chunk_of(region_.malloc(16))), kFirst + 200 + 56); // 64, all of it
+    EXPECT_EQ(region_->dvsize, 0u);
+    EXPECT_EQ(region_->dv, nullptr);
+    EXPECT_EQ(region_->smallmap, 1u << (200 / 8));
+    EXPECT_EQ(region_.check(), 0);
+}
+
 TEST_F(SmallVictim, ChunkBehindTheVictimMergesIntoIt) {
     EXPECT_NE(region_.malloc(24), nullptr);
     region_.free(guard_); // the victim before it, a binned chunk behind it
