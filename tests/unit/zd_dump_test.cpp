@@ -907,15 +907,18 @@ class DumpGrowth : public testing::Test {
   protected:
     DumpGrowth() {
         requests.clear();
+        freed.clear();
         allowance = INT_MAX;
         static allocator_desc_t desc = _system_allocator_desc;
         desc.func_malloc = take;
         desc.func_realloc = retake;
+        desc.func_free = give_back;
         _system_allocator.desc = &desc;
     }
     ~DumpGrowth() override { _system_allocator.desc = &_system_allocator_desc; }
 
     static inline std::vector<std::pair<bool, int64_t>> requests; // (was a realloc, bytes)
+    static inline std::vector<const void *> freed;
     static inline int allowance;
 
   private:
@@ -927,6 +930,11 @@ class DumpGrowth : public testing::Test {
         requests.emplace_back(true, bytes);
         return allowance-- > 0 ? system_realloc(alloc, ptr, bytes, file, line) : nullptr;
     }
+    static void give_back(allocator_t *alloc, void *ptr, const char *file, int line) {
+        if (ptr != nullptr)
+            freed.push_back(ptr);
+        system_free(alloc, ptr, file, line);
+    }
 };
 
 TEST_F(DumpGrowth, TakesABlockOfTwiceTheSizeAndReallocatesItLater) {
@@ -937,6 +945,22 @@ TEST_F(DumpGrowth, TakesABlockOfTwiceTheSizeAndReallocatesItLater) {
               (std::vector<std::pair<bool, int64_t>>{{false, 20}, {true, 40}, {true, 80}}));
     EXPECT_STREQ(block, "0000000000000000000000000000000000000001");
     dfree(block);
+}
+
+TEST_F(DumpGrowth, BlockGoesBackToTheSystemAllocator) {
+    char text[10];
+    char *block = nullptr;
+    grow_print(text, sizeof text, &block, "%040d", 1);
+    dfree(block);
+    EXPECT_EQ(freed, std::vector<const void *>{block});
+}
+
+TEST_F(DumpGrowth, BlockOfALongItemGoesBackAfterThePrint) {
+    CapturedStream stream;
+    requests.clear();
+    dprint(stream.get(), "%s", std::string(600, 'x').c_str());
+    EXPECT_EQ(requests.size(), 1u);
+    EXPECT_EQ(freed.size(), 1u);
 }
 
 TEST_F(DumpGrowth, RefusedAtOnceCutsTheTextAtTheCallersArea) {
