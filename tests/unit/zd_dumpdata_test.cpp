@@ -173,6 +173,16 @@ std::vector<std::string> offsets_of(const std::string &text) {
     return offsets;
 }
 
+TEST(DumpData, ShortensFrom1025BytesOn) {
+    const std::vector<char> bytes = counting_bytes(1025);
+    const std::vector<std::string> offsets = offsets_of(fdump(bytes.data(), 1025));
+    ASSERT_EQ(offsets.size(), 32u + 1 + 32);
+    EXPECT_EQ(offsets[31], "01F0");
+    EXPECT_EQ(offsets[32], "");
+    EXPECT_EQ(offsets[33], "0210");
+    EXPECT_EQ(offsets[64], "0400");
+}
+
 TEST(DumpData, ShowsBothEndsOf2000Bytes) {
     const std::vector<char> bytes = counting_bytes(2000);
     CapturedStream stream;
