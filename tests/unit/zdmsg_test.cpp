@@ -1089,6 +1089,16 @@ TEST(ZdmsgFree, ReturnsEveryNonEmptyTopLevelStringOfASet2) {
     EXPECT_THAT(alloc.returned, testing::ElementsAre(path, name));
 }
 
+TEST(ZdmsgFree, AnyAutoFreeButZeroMeansThatStringsAreReturned) {
+    LedgerAllocator alloc;
+    char *const path = alloc.copy("path");
+    zdmsg_extproc_execute_t msg;
+    zdmsg_extproc_execute_set(&msg, path, nullptr, 0, 0, 0, nullptr);
+    msg.base.str_auto_free = INT32_MIN;
+    zdmsg_free(alloc.get(), &msg.base);
+    EXPECT_THAT(alloc.returned, testing::ElementsAre(path));
+}
+
 TEST(ZdmsgFree, LeavesEmptyStringsOfASet2Alone) {
     LedgerAllocator alloc;
     char *const empty = alloc.copy("");
