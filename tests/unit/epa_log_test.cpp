@@ -147,16 +147,17 @@ class EpaExitWithoutMemoryDeathTest : public EpaExitAbnormallyDeathTest {
     // Blocks of up to most bytes can be had; what was asked for is noted.
     void exit_with_memory(int64_t most, const std::string &text) {
         static int64_t most_;
+        static void *block_; // kept where it is found: an exit need not return it
         most_ = most;
         static allocator_desc_t operations = *epa_ctx_mgr_->alloc->desc;
         operations.func_calloc = [](allocator_t *, int64_t bytes, const char *, int) -> void * {
             fprintf(stderr, "calloc %ld\n", bytes);
-            return bytes <= most_ ? calloc(1, static_cast<size_t>(bytes)) : nullptr;
+            return block_ = bytes <= most_ ? calloc(1, static_cast<size_t>(bytes)) : nullptr;
         };
-        operations.func_realloc = [](allocator_t *, void *block, int64_t bytes, const char *,
+        operations.func_realloc = [](allocator_t *, void *, int64_t bytes, const char *,
                                      int) -> void * {
             fprintf(stderr, "realloc %ld\n", bytes);
-            return bytes <= most_ ? realloc(block, static_cast<size_t>(bytes)) : nullptr;
+            return bytes <= most_ ? block_ = realloc(block_, static_cast<size_t>(bytes)) : nullptr;
         };
         operations.func_free = [](allocator_t *, void *block, const char *, int) {
             fprintf(stderr, "free\n");
