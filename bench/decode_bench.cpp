@@ -321,7 +321,7 @@ class ProtobufDecoder {
     }
 };
 
-// The arena begins in a block of ours, which every message uses again.
+// The arena takes its blocks from the heap, like everybody else here.
 class ProtobufArenaDecoder {
   public:
     using Encoder = ProtobufEncoder;
@@ -331,18 +331,13 @@ class ProtobufArenaDecoder {
 
   private:
     template <class Message>
-    uint64_t decoded(const std::vector<char> &bytes) {
-        google::protobuf::ArenaOptions options;
-        options.initial_block = block_.data();
-        options.initial_block_size = block_.size();
-        google::protobuf::Arena arena(options);
+    static uint64_t decoded(const std::vector<char> &bytes) {
+        google::protobuf::Arena arena;
         Message *const message = google::protobuf::Arena::CreateMessage<Message>(&arena);
         if (!message->ParseFromArray(bytes.data(), static_cast<int>(bytes.size())))
             return 0;
         return digest_of(*message);
     }
-
-    alignas(16) std::array<char, 16 * kRoom> block_;
 };
 
 // ---- Questions
