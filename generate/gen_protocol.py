@@ -97,7 +97,7 @@ def records(description):
 
 
 def members(entries):
-    kinds = {"int": "int", "uint": "int, unsigned", "char": "character", "text": "text"}
+    kinds = {"int": "int", "uint": "int, unsigned", "char": "character", "text": "characters"}
     return table(
         ["offset", "size", "name", "kind", "meaning"],
         [
