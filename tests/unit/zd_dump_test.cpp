@@ -686,7 +686,8 @@ __attribute__((noinline)) std::string format(const char *fmt, ...) {
     char text[4096];
     va_list args;
     va_start(args, fmt);
-    const size_t length = dsvprint(0, nullptr, text, sizeof text, nullptr, fmt, args);
+    const size_t length =
+        static_cast<size_t>(dsvprint(0, nullptr, text, sizeof text, nullptr, fmt, args));
     va_end(args);
     EXPECT_EQ(text[length], '\0');
     return std::string(text, length);
@@ -870,7 +871,7 @@ __attribute__((noinline)) size_t grow_print(char *area, size_t size, char **bloc
                                             ...) {
     va_list args;
     va_start(args, fmt);
-    const size_t length = dsvprint(0, nullptr, area, size, block, fmt, args);
+    const size_t length = static_cast<size_t>(dsvprint(0, nullptr, area, size, block, fmt, args));
     va_end(args);
     return length;
 }
@@ -1025,7 +1026,8 @@ __attribute__((noinline)) std::string direct(size_t size, const char *fmt, ...) 
     std::vector<char> text(size);
     va_list args;
     va_start(args, fmt);
-    const size_t length = dsvprint(kFormatters, formatters, text.data(), size, nullptr, fmt, args);
+    const size_t length = static_cast<size_t>(
+        dsvprint(kFormatters, formatters, text.data(), size, nullptr, fmt, args));
     va_end(args);
     return std::string(text.data(), length);
 }
@@ -1111,8 +1113,8 @@ constexpr size_t kArguments = 40;
 template <size_t... Index>
 size_t print_with_arguments(char *area, size_t size, const char *fmt, char *argument,
                             std::index_sequence<Index...>) {
-    return dsprint(kFormatters, formatters, area, size, fmt,
-                   (static_cast<void>(Index), argument)...);
+    return static_cast<size_t>(
+        dsprint(kFormatters, formatters, area, size, fmt, (static_cast<void>(Index), argument)...));
 }
 
 template <size_t... Index>
