@@ -357,8 +357,9 @@ void bind_name_mark_b(auto_param_info_t *info, const char *name) {
         return;
     b_param_info_t *const names = &info->b_param_infos[digits - name - 1];
     names->exists = 1;
-    if (end - digits <= kDigitsMax)
-        names->digit_len_bit |= static_cast<int32_t>(1U << (end - digits - 1));
+    const ptrdiff_t digit_cnt = end - digits;
+    if (digit_cnt >= 1 && digit_cnt <= kDigitsMax)
+        names->digit_len_bit |= static_cast<int32_t>(1U << (digit_cnt - 1));
 }
 
 void bind_name_mark_quoted_b(auto_param_info_t *info, const char *name) {
