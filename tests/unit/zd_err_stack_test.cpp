@@ -353,7 +353,7 @@ TEST_F(ErrStackWire, RecordsGoFromTheTopDownInNetworkByteOrder) {
     push(-15086, "third");
     expect_bytes(serialize(), Wire(3, 3, 3, 2)
                                   .record(0, 2, -15086, '1', "ERRPS", "third")
-                                  .record(1, 1, -502128, '0', "ERRCL", "second")
+                                  .record(1, 1, -502128, '0', "", "second")
                                   .record(2, 0, -140002, '1', "ERREP", "first"));
 }
 
@@ -529,7 +529,7 @@ TEST_F(ErrStackWire, StackSurvivesTheJourney) {
     push(-502128, "second");
     deserialize(serialize());
     EXPECT_EQ(serialize(), Wire(2, 4, 2, 1)
-                               .record(0, 3, -502128, '0', "ERRCL", "second")
+                               .record(0, 3, -502128, '0', "", "second")
                                .record(1, 2, -140002, '1', "ERREP", "first")
                                .bytes());
 }
