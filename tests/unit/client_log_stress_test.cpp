@@ -27,6 +27,7 @@
 
 #include "common/alloc/system_clialloc.h"
 #include "common/zd_fcntl.h"
+#include "support/log_files.h"
 #include "support/namespaces.h"
 #include "support/region.h"
 
@@ -42,42 +43,8 @@ constexpr int kMiB = 1048576;
 // What happens between the creation of a file by the library and what it does next.
 std::function<void(const std::string &path)> after_creation;
 
-std::vector<std::string> failures;
-
-void record(const char *file, int line, const char *format, ...) {
-    char text[1024];
-    va_list args;
-    va_start(args, format);
-    vsnprintf(text, sizeof text, format, args);
-    va_end(args);
-    failures.push_back(std::string(file) + ":" + std::to_string(line) + ": " + text);
-}
-
-const char *const kLockFailure = "client_log:383: Cannot lock log backup info file";
-const char *const kBackupFailure = "client_log:409: Cannot backup log file";
-
-std::string open_failure(const client_log_hdl_t *hdl) {
-    return "client_log:92: Cannot open log file \"" + std::string(hdl->filepath) + "\"";
-}
-
-std::string contents_of(const std::string &path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
-
-std::set<std::string> names_in(const std::string &dir) {
-    std::set<std::string> names;
-    for (const auto &entry : fs::directory_iterator(dir))
-        names.insert(entry.path().filename());
-    return names;
-}
-
-void set_time(const std::string &path, time_t mtime) {
-    timespec time = {};
-    time.tv_sec = mtime;
-    const timespec times[2] = {time, time};
-    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
+LogFailure open_failure(const client_log_hdl_t *hdl) {
+    return {"client_log", 92, "Cannot open log file \"" + std::string(hdl->filepath) + "\""};
 }
 
 // The three numbers, or none when the text is anything else.
@@ -152,23 +119,7 @@ class Log {
     client_log_err_func_t report_;
 };
 
-class ClientLogStress : public testing::Test {
-  protected:
-    void SetUp() override {
-        failures.clear();
-        std::string name = testing::TempDir() + "client_log_stress_XXXXXX";
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        root_ = name;
-        dir_ = root_ + "/logs";
-    }
-    void TearDown() override { fs::remove_all(root_); }
-
-    [[nodiscard]] std::string backup() const { return dir_ + "/backup"; }
-    [[nodiscard]] std::string books() const { return contents_of(dir_ + "/.backup.info"); }
-
-    std::string root_;
-    std::string dir_; // not there yet
-};
+using ClientLogStress = LogFilesTest;
 
 // ---- hundreds of files ----
 
@@ -352,7 +303,7 @@ client_log_hdl_t *patient_handle;
 void wait_for_the_lock(const char *file, int line, const char *format, ...) {
     if (line == 383 && zd_lock_file(fileno(patient_handle->backup_info_fp), F_SETLKW, F_WRLCK) == 0)
         return;
-    failures.push_back(std::string(file) + ":" + std::to_string(line) + ": " + format);
+    failures.push_back({file, line, format});
 }
 
 constexpr int kMovesEach = 150;
@@ -390,7 +341,7 @@ int move_on(const std::string &dir, const std::string &prefix) {
     const Log log(dir, 0, 60000);
     for (int i = 0; i < kMovesEach; i++)
         log.rotate(prefix + std::to_string(i), 1000, 5000 + i);
-    for (const std::string &failure : failures) {
+    for (const LogFailure &failure : failures) {
         if (failure != kLockFailure)
             return 1;
     }

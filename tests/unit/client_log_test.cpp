@@ -9,18 +9,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdarg>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "common/alloc/region_clialloc.h"
 #include "common/alloc/system_clialloc.h"
 #include "common/zd_fcntl.h"
+#include "support/log_files.h"
 #include "support/test_allocator.h"
 
 namespace {
@@ -31,73 +29,19 @@ using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::UnorderedElementsAre;
 
-struct Failure {
-    std::string file;
-    int line;
-    std::string text;
-    bool operator==(const Failure &) const = default;
-};
-
-void PrintTo(const Failure &failure, std::ostream *out) {
-    *out << failure.file << ":" << failure.line << ": \"" << failure.text << '"';
-}
-
-std::vector<Failure> failures;
-
-void record(const char *file, int line, const char *format, ...) {
-    char text[1024];
-    va_list args;
-    va_start(args, format);
-    vsnprintf(text, sizeof text, format, args);
-    va_end(args);
-    failures.push_back({file, line, text});
-}
-
-const Failure kLockFailure = {"client_log", 383, "Cannot lock log backup info file"};
-const Failure kBackupFailure = {"client_log", 409, "Cannot backup log file"};
-const Failure kUnlockFailure = {"client_log", 422, "Cannot unlock log file"};
-
-std::string contents_of(const std::string &path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
-
 void write_file(const std::string &path, const std::string &contents) {
     std::ofstream(path, std::ios::binary) << contents;
 }
 
-timespec seconds(time_t value) {
-    timespec time = {};
-    time.tv_sec = value;
-    return time;
-}
-
-void set_time(const std::string &path, time_t mtime) {
-    const timespec times[2] = {seconds(mtime), seconds(mtime)};
-    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
-}
-
-std::vector<std::string> names_in(const std::string &dir) {
-    std::vector<std::string> names;
-    for (const auto &entry : fs::directory_iterator(dir))
-        names.push_back(entry.path().filename());
-    return names;
-}
-
-class ClientLog : public testing::Test {
+class ClientLog : public LogFilesTest {
   protected:
     void SetUp() override {
-        failures.clear();
-        std::string name = testing::TempDir() + "client_log_XXXXXX";
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        root_ = name;
-        dir_ = root_ + "/logs";
+        LogFilesTest::SetUp();
         hdl_ = client_log_hdl_new(&_system_allocator);
     }
     void TearDown() override {
         client_log_hdl_free(hdl_, &_system_allocator);
-        fs::remove_all(root_);
+        LogFilesTest::TearDown();
     }
 
     int open(client_log_lvl_t max_lvl, int max_size = 0, int max_backup_size = 0) {
@@ -112,11 +56,10 @@ class ClientLog : public testing::Test {
 
     std::string log() const { return contents_of(hdl_->filepath); }
     std::string name() const { return fs::path(hdl_->filepath).filename(); }
-    std::string books() const { return contents_of(dir_ + "/.backup.info"); }
 
     // A file of the backup directory, modified at a time.
     void plant(const std::string &name, time_t mtime) {
-        fs::create_directories(dir_ + "/backup");
+        fs::create_directories(backup());
         write_file(dir_ + "/backup/" + name, "old");
         set_time(dir_ + "/backup/" + name, mtime);
     }
@@ -129,8 +72,6 @@ class ClientLog : public testing::Test {
         client_log_finish(hdl_);
     }
 
-    std::string root_;
-    std::string dir_; // not there yet
     client_log_hdl_t *hdl_ = nullptr;
 };
 
@@ -228,8 +169,8 @@ TEST_F(ClientLog, BudgetEndsAtTheLargestNumber) {
 }
 
 TEST_F(ClientLog, NegativeSizesAreReportedAndTheFileIsOpenedAllTheSame) {
-    const Failure expected = {"client_log", 125,
-                              "MAX_LOG_SIZE or MAX_LOG_BACKUP_SIZE are inappropriate "};
+    const LogFailure expected = {"client_log", 125,
+                                 "MAX_LOG_SIZE or MAX_LOG_BACKUP_SIZE are inappropriate "};
     EXPECT_EQ(open(LOG_LVL_WARN, -1, 0), 0);
     EXPECT_THAT(failures, ElementsAre(expected));
     EXPECT_EQ(open(LOG_LVL_WARN, 0, -1), 0);
@@ -238,7 +179,7 @@ TEST_F(ClientLog, NegativeSizesAreReportedAndTheFileIsOpenedAllTheSame) {
     write("line");
     write("line");
     EXPECT_EQ(hdl_->backup_info_fp, nullptr);
-    EXPECT_FALSE(fs::exists(dir_ + "/backup")) << "a negative size never rotates";
+    EXPECT_FALSE(fs::exists(backup())) << "a negative size never rotates";
 }
 
 TEST_F(ClientLog, ReconfiguredHandleWritesToItsNewFile) {
@@ -260,9 +201,9 @@ TEST_F(ClientLog, FileThatCannotBeOpenedIsReported) {
     testing::internal::CaptureStdout(); // the failed directory is printed there
     EXPECT_EQ(open(LOG_LVL_WARN), -1);
     testing::internal::GetCapturedStdout();
-    EXPECT_THAT(failures, ElementsAre(Failure{"client_log", 92,
-                                              "Cannot open log file \"" +
-                                                  std::string(hdl_->filepath) + "\""}));
+    EXPECT_THAT(failures, ElementsAre(LogFailure{"client_log", 92,
+                                                 "Cannot open log file \"" +
+                                                     std::string(hdl_->filepath) + "\""}));
     EXPECT_THAT(hdl_->filepath, testing::StartsWith(dir_ + "/zdepa.log_"));
 }
 
@@ -288,8 +229,8 @@ TEST_F(ClientLog, DirectoryNameTooLongIsCutAndTheFailureReported) {
     EXPECT_EQ(hdl_->dirpath, dir_.substr(0, 255));
     EXPECT_EQ(hdl_->filepath, dir_.substr(0, 255));
     EXPECT_THAT(failures,
-                ElementsAre(Failure{"client_log", 92,
-                                    "Cannot open log file \"" + dir_.substr(0, 255) + "\""}));
+                ElementsAre(LogFailure{"client_log", 92,
+                                       "Cannot open log file \"" + dir_.substr(0, 255) + "\""}));
 }
 
 TEST_F(ClientLog, FileNameTooLongIsCut) {
@@ -422,9 +363,9 @@ TEST_F(ClientLog, FileIsMovedAwayBeforeTheLineAfterTheOneThatExceeds) {
     ASSERT_EQ(open(LOG_LVL_WARN, 1000), 0);
     const std::string first = name();
     write(std::string(kMiB, 'a'));
-    EXPECT_FALSE(fs::exists(dir_ + "/backup")) << "a file may exceed the size by one line";
+    EXPECT_FALSE(fs::exists(backup())) << "a file may exceed the size by one line";
     write("next");
-    EXPECT_THAT(names_in(dir_ + "/backup"), ElementsAre(first));
+    EXPECT_THAT(names_in(backup()), ElementsAre(first));
     EXPECT_THAT(contents_of(dir_ + "/backup/" + first), testing::EndsWith("aaa\n"));
     EXPECT_EQ(after_header(log()), "[FAT] next\n");
     EXPECT_THAT(failures, IsEmpty());
@@ -435,16 +376,16 @@ TEST_F(ClientLog, FileOfExactlyTheSizeStays) {
     write("one");
     hdl_->max_size = static_cast<int>(ftell(hdl_->fp));
     write("two");
-    EXPECT_FALSE(fs::exists(dir_ + "/backup"));
+    EXPECT_FALSE(fs::exists(backup()));
     write("three");
-    EXPECT_TRUE(fs::exists(dir_ + "/backup"));
+    EXPECT_TRUE(fs::exists(backup()));
 }
 
 TEST_F(ClientLog, DroppedLineDoesNotMoveTheFile) {
     ASSERT_EQ(open(LOG_LVL_WARN, kMiB), 0);
     write(std::string(kMiB, 'a'));
     write("info", LOG_LVL_INFO);
-    EXPECT_FALSE(fs::exists(dir_ + "/backup"));
+    EXPECT_FALSE(fs::exists(backup()));
 }
 
 TEST_F(ClientLog, UnflushedBytesCountForTheSize) {
@@ -453,14 +394,14 @@ TEST_F(ClientLog, UnflushedBytesCountForTheSize) {
     write("one");
     hdl_->max_size = 10;
     write("two");
-    EXPECT_TRUE(fs::exists(dir_ + "/backup"));
+    EXPECT_TRUE(fs::exists(backup()));
 }
 
 TEST_F(ClientLog, SizeOfZeroNeverMovesTheFile) {
     ASSERT_EQ(open(LOG_LVL_WARN, 0), 0);
     write(std::string(3 * kMiB, 'a'));
     write("next");
-    EXPECT_FALSE(fs::exists(dir_ + "/backup"));
+    EXPECT_FALSE(fs::exists(backup()));
 }
 
 TEST_F(ClientLog, BytesOfAFileThatWasThereCountForTheSize) {
@@ -475,7 +416,7 @@ TEST_F(ClientLog, BytesOfAFileThatWasThereCountForTheSize) {
     ASSERT_EQ(open_again(), 0);
     EXPECT_EQ(ftell(hdl_->fp), kMiB + 1);
     write("next");
-    EXPECT_THAT(names_in(dir_ + "/backup"), ElementsAre(name()));
+    EXPECT_THAT(names_in(backup()), ElementsAre(name()));
     EXPECT_EQ(after_header(log()), "[FAT] next\n");
 }
 
@@ -486,9 +427,9 @@ TEST_F(ClientLog, FileThatCannotBeOpenedAfterAMoveDropsLines) {
     write("next");
     write("and next");
     EXPECT_EQ(hdl_->fp, nullptr);
-    EXPECT_THAT(failures, ElementsAre(Failure{"client_log", 92,
-                                              "Cannot open log file \"" +
-                                                  std::string(hdl_->filepath) + "\""}));
+    EXPECT_THAT(failures, ElementsAre(LogFailure{"client_log", 92,
+                                                 "Cannot open log file \"" +
+                                                     std::string(hdl_->filepath) + "\""}));
 }
 
 // ---- books ----
@@ -512,7 +453,7 @@ TEST_F(ClientLog, WithoutABudgetThereAreNoBooks) {
     plant("ancient", 1);
     finish_with(4 * kMiB, 1000);
     EXPECT_FALSE(fs::exists(dir_ + "/.backup.info"));
-    EXPECT_THAT(names_in(dir_ + "/backup"), UnorderedElementsAre("ancient", name()));
+    EXPECT_THAT(names_in(backup()), UnorderedElementsAre("ancient", name()));
     EXPECT_THAT(failures, IsEmpty());
 }
 
@@ -523,7 +464,7 @@ TEST_F(ClientLog, MovedBytesAreAddedUpToAThirdOfTheBudget) {
     ASSERT_EQ(open(LOG_LVL_WARN, 0, 301), 0); // a third is 100
     finish_with(10, 3000);
     EXPECT_EQ(books(), "100\n1000\n2000\n");
-    EXPECT_THAT(names_in(dir_ + "/backup"), UnorderedElementsAre("ancient", name()));
+    EXPECT_THAT(names_in(backup()), UnorderedElementsAre("ancient", name()));
 }
 
 TEST_F(ClientLog, BeyondAThirdOfTheBudgetTheOlderGenerationsAreDeleted) {
@@ -536,7 +477,7 @@ TEST_F(ClientLog, BeyondAThirdOfTheBudgetTheOlderGenerationsAreDeleted) {
     ASSERT_EQ(open(LOG_LVL_WARN, 0, 301), 0);
     finish_with(11, 3000);
     EXPECT_EQ(books(), "0\n2000\n3000\n");
-    EXPECT_THAT(names_in(dir_ + "/backup"), UnorderedElementsAre("after", "newer", name()));
+    EXPECT_THAT(names_in(backup()), UnorderedElementsAre("after", "newer", name()));
     EXPECT_THAT(failures, IsEmpty());
 }
 
@@ -545,7 +486,7 @@ TEST_F(ClientLog, FirstPruningDeletesNothing) {
     ASSERT_EQ(open(LOG_LVL_WARN, 0, 30), 0);
     finish_with(11, 3000);
     EXPECT_EQ(books(), "0\n0\n3000\n");
-    EXPECT_THAT(names_in(dir_ + "/backup"), UnorderedElementsAre("old", name()));
+    EXPECT_THAT(names_in(backup()), UnorderedElementsAre("old", name()));
 }
 
 TEST_F(ClientLog, FileJustMovedIsNotDeletedHoweverOldItsTime) {
@@ -553,7 +494,7 @@ TEST_F(ClientLog, FileJustMovedIsNotDeletedHoweverOldItsTime) {
     write_file(dir_ + "/.backup.info", "0\n1000\n2000\n");
     ASSERT_EQ(open(LOG_LVL_WARN, 0, 30), 0);
     finish_with(11, 500);
-    EXPECT_THAT(names_in(dir_ + "/backup"), ElementsAre(name()));
+    EXPECT_THAT(names_in(backup()), ElementsAre(name()));
     EXPECT_EQ(books(), "0\n2000\n500\n");
 }
 
@@ -563,11 +504,11 @@ TEST_F(ClientLog, DirectoriesInTheBackupStay) {
     write_file(dir_ + "/.backup.info", "0\n1000\n2000\n");
     ASSERT_EQ(open(LOG_LVL_WARN, 0, 30), 0);
     finish_with(11, 3000);
-    EXPECT_THAT(names_in(dir_ + "/backup"), UnorderedElementsAre("kept", name()));
+    EXPECT_THAT(names_in(backup()), UnorderedElementsAre("kept", name()));
 }
 
 TEST_F(ClientLog, LinksInTheBackupAreJudgedByTheirOwnTime) {
-    fs::create_directories(dir_ + "/backup");
+    fs::create_directories(backup());
     fs::create_symlink("/nowhere", dir_ + "/backup/dangling");
     set_time(dir_ + "/backup/dangling", 1);
     fs::create_symlink("/etc/passwd", dir_ + "/backup/young");
@@ -575,7 +516,7 @@ TEST_F(ClientLog, LinksInTheBackupAreJudgedByTheirOwnTime) {
     write_file(dir_ + "/.backup.info", "0\n3999999999\n0\n");
     ASSERT_EQ(open(LOG_LVL_WARN, 0, 30), 0);
     finish_with(11, 3000);
-    EXPECT_THAT(names_in(dir_ + "/backup"), UnorderedElementsAre("young", name()));
+    EXPECT_THAT(names_in(backup()), UnorderedElementsAre("young", name()));
     EXPECT_TRUE(fs::exists("/etc/passwd"));
 }
 
@@ -587,7 +528,7 @@ TEST_F(ClientLog, GenerationsOfAThirdEachRemain) {
         // Files of one second have one name: tell them apart.
         fs::rename(dir_ + "/backup/" + name(), dir_ + "/backup/" + std::to_string(generation));
     }
-    EXPECT_THAT(names_in(dir_ + "/backup"), UnorderedElementsAre("5", "6"));
+    EXPECT_THAT(names_in(backup()), UnorderedElementsAre("5", "6"));
     EXPECT_EQ(books(), "0\n5000\n6000\n");
 }
 
@@ -676,13 +617,13 @@ TEST_F(ClientLog, LockHeldElsewhereIsReportedAndTheMoveGoesOn) {
     const LockHolder holder(dir_ + "/.backup.info");
     finish_with(11, 7);
     EXPECT_THAT(failures, ElementsAre(kLockFailure));
-    EXPECT_THAT(names_in(dir_ + "/backup"), ElementsAre(name()));
+    EXPECT_THAT(names_in(backup()), ElementsAre(name()));
     EXPECT_EQ(books(), "11\n0\n0\n");
 }
 
 TEST_F(ClientLog, FileThatCannotBeMovedIsReportedAndTheBooksAreKept) {
     ASSERT_EQ(open(LOG_LVL_WARN, 0, 300), 0);
-    write_file(dir_ + "/backup", "in the way");
+    write_file(backup(), "in the way");
     finish_with(11, 7);
     EXPECT_THAT(failures, ElementsAre(kBackupFailure));
     EXPECT_TRUE(fs::exists(hdl_->filepath));
@@ -693,7 +634,7 @@ TEST_F(ClientLog, FileThatCannotBeMovedAtAPruningLeavesTheNewerMark) {
     fs::create_directories(dir_);
     write_file(dir_ + "/.backup.info", "0\n1000\n2000\n");
     ASSERT_EQ(open(LOG_LVL_WARN, 0, 30), 0);
-    write_file(dir_ + "/backup", "in the way");
+    write_file(backup(), "in the way");
     finish_with(11, 3000);
     EXPECT_EQ(books(), "0\n2000\n2000\n");
 }
@@ -704,12 +645,12 @@ TEST_F(ClientLog, FailedLockAndUnlockAreBothReported) {
     close(fileno(hdl_->backup_info_fp));
     client_log_finish(hdl_);
     EXPECT_THAT(failures, ElementsAre(kLockFailure, kUnlockFailure));
-    EXPECT_THAT(names_in(dir_ + "/backup"), ElementsAre(name()));
+    EXPECT_THAT(names_in(backup()), ElementsAre(name()));
 }
 
 TEST_F(ClientLog, HandleGoesOnAfterAFailedMove) {
     ASSERT_EQ(open(LOG_LVL_WARN, kMiB), 0);
-    write_file(dir_ + "/backup", "in the way");
+    write_file(backup(), "in the way");
     write(std::string(kMiB, 'a'));
     write("next");
     EXPECT_THAT(failures, ElementsAre(kBackupFailure));
@@ -746,7 +687,7 @@ TEST_F(ClientLog, EmptyFileIsDeletedAndItsMoveReported) {
     ASSERT_EQ(open(LOG_LVL_WARN, kMiB, 300 * kMiB), 0);
     client_log_finish(hdl_);
     EXPECT_FALSE(fs::exists(hdl_->filepath));
-    EXPECT_THAT(names_in(dir_ + "/backup"), IsEmpty());
+    EXPECT_THAT(names_in(backup()), IsEmpty());
     EXPECT_THAT(failures, ElementsAre(kBackupFailure));
     EXPECT_EQ(books(), "0\n0\n0\n");
 }
