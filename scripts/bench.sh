@@ -9,7 +9,7 @@ usage: scripts/bench.sh [--quick] [QUESTION...]
        scripts/bench.sh --endurance
 
   QUESTION      round_trip, trampoline, direct_request, request_memory, start, idle_memory, encode,
-                decode or another bench/QUESTION_bench.cpp; without any: all of them (some three
+                decode or another bench/QUESTION_bench.cpp; without any: all of them (some five
                 minutes)
   --quick       fewer and shorter repetitions: for a first look, not for a claim
   --endurance   100,000 calls through one agent, then failing ones: resident memory and open
