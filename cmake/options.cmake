@@ -21,6 +21,10 @@ if(ZDEPL_SANITIZE)
   add_compile_options(-fsanitize=${ZDEPL_SANITIZE} -fno-sanitize-recover=all
     -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${ZDEPL_SANITIZE})
+  # Clang's check of function types has its run-time part in the C++ one, also where C links.
+  if(CMAKE_CXX_COMPILER_ID STREQUAL Clang)
+    add_link_options(-fsanitize-link-c++-runtime)
+  endif()
 endif()
 
 # Fuzzing is steered by the edges that a run reaches, so everything is built to report them.
