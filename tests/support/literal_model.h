@@ -8,6 +8,7 @@
 #include <string.h>
 #include <strings.h>
 
+#include <algorithm>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,6 +29,17 @@ struct Result {
     std::vector<Literal> literals;
     auto_param_info_t info = {};
 };
+
+// Member by member: between them lie bytes that mean nothing.
+inline bool same_info(const auto_param_info_t &one, const auto_param_info_t &other) {
+    const auto same_names = [](const b_param_info_t &a, const b_param_info_t &b) {
+        return a.exists == b.exists && a.digit_len_bit == b.digit_len_bit;
+    };
+    return one.literal_cnt == other.literal_cnt &&
+           one.has_sys_bind_name == other.has_sys_bind_name &&
+           std::ranges::equal(one.b_param_infos, other.b_param_infos, same_names) &&
+           std::ranges::equal(one.alpha4, other.alpha4);
+}
 
 class Matcher {
   public:

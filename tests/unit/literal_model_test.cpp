@@ -149,8 +149,8 @@ class LiteralModel : public testing::Test {
             const literal_model::Result expected = literal_model::scan(text, is_sjis);
             const literal_model::Result found = scan_literals(
                 text, is_sjis ? ZDSTR_CHARSET_SJIS : ZDSTR_CHARSET_UTF8, alloc_.get());
-            const bool same_info = memcmp(&expected.info, &found.info, sizeof expected.info) == 0;
-            ASSERT_TRUE(expected.literals == found.literals && same_info)
+            ASSERT_TRUE(expected.literals == found.literals &&
+                        literal_model::same_info(expected.info, found.info))
                 << (is_sjis ? "Shift-JIS" : "single-byte") << ", of " << text.size()
                 << " bytes: " << testing::PrintToString(text.substr(0, 400)) << ": "
                 << expected.literals.size() << " literals expected, " << found.literals.size()
