@@ -1,13 +1,9 @@
 // zdtool literals: what of a statement the conversion of literals would replace, and by what.
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iostream>
-#include <iterator>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -23,6 +19,7 @@
 #include "option_reader.h"
 #include "text_format.h"
 #include "usage_error.h"
+#include "whole_file.h"
 
 namespace zdtool {
 
@@ -48,7 +45,8 @@ statement is read from FILE, or from standard input ("-", or no FILE).
 Statements that do not begin with SELECT, INSERT, UPDATE, DELETE, MERGE, WITH or CALL have no
 literals that could be replaced.
 
-Exit status: 0 success, 1 the statement cannot be read or no names are left, 2 wrong usage.
+Exit status: 0 success, 1 the statement cannot be converted, 2 wrong usage or a file that cannot be
+read.
 )";
 
 // By number.
@@ -113,24 +111,9 @@ struct Fault : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-std::string read_all(std::istream &in) {
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
 std::string read_statement(const std::string &file) {
-    const bool is_standard = file == "-";
-    const std::string name = is_standard ? "standard input" : printable(file);
-    std::string statement;
-    errno = 0;
-    if (is_standard) {
-        statement = read_all(std::cin);
-    } else {
-        std::ifstream in(file, std::ios::binary);
-        // A folder can be opened, and fails at the first byte.
-        if (!in || (in.peek(), in.bad()))
-            throw Fault(name + ": cannot be read: " + std::strerror(errno));
-        statement = read_all(in);
-    }
+    const std::string name = shown_path(file);
+    std::string statement = read_whole(file);
     const size_t zero = statement.find('\0');
     if (zero != std::string::npos)
         throw Fault(name + ": no SQL text: there is a zero byte at offset " + std::to_string(zero));

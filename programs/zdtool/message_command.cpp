@@ -11,6 +11,7 @@
 #include "option_reader.h"
 #include "text_format.h"
 #include "usage_error.h"
+#include "whole_file.h"
 
 namespace zdtool {
 
@@ -133,10 +134,9 @@ int run_message(int argc, char **argv) {
         return show("--bytes", *options.bytes, Form::HEX, *printer) ? STATUS_OK : STATUS_FAULT;
     bool sound = true;
     for (const std::string &file : options.files) {
-        const std::string name = file == "-" ? "standard input" : file;
+        const std::string name = shown_path(file);
         if (options.files.size() > 1 && !options.json)
-            std::printf("%s==> %s <==\n", &file == &options.files[0] ? "" : "\n",
-                        printable(name).c_str());
+            std::printf("%s==> %s <==\n", &file == &options.files[0] ? "" : "\n", name.c_str());
         sound = show(name, read_whole(file), options.form, *printer) && sound;
     }
     return sound ? STATUS_OK : STATUS_FAULT;

@@ -1,11 +1,7 @@
 #include "message_input.h"
 
-#include <cerrno>
 #include <charconv>
 #include <cstdint>
-#include <cstdio>
-#include <memory>
-#include <system_error>
 
 namespace zdtool {
 
@@ -62,23 +58,6 @@ void add_message_of_dump(Bytes &bytes, std::string_view dump) {
 }
 
 } // namespace
-
-std::string read_whole(const std::string &path) {
-    const bool is_standard = path == "-";
-    const std::unique_ptr<FILE, int (*)(FILE *)> file(is_standard ? stdin
-                                                                  : std::fopen(path.c_str(), "rb"),
-                                                      is_standard ? std::fflush : std::fclose);
-    std::string bytes;
-    char part[1 << 16];
-    if (file != nullptr) {
-        for (size_t size; (size = std::fread(part, 1, sizeof part, file.get())) != 0;)
-            bytes.append(part, size);
-    }
-    if (file == nullptr || std::ferror(file.get()) != 0)
-        throw std::system_error(errno, std::generic_category(),
-                                is_standard ? "standard input" : path);
-    return bytes;
-}
 
 std::optional<Bytes> from_loose_hex(std::string_view text, size_t *wrong) {
     std::string digits;

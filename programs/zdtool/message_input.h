@@ -1,18 +1,14 @@
-// Where raw messages come from: files of bytes, hexadecimal text, the library's own dumps.
+// What raw messages may be written in: hexadecimal text, the library's own dumps.
 
 #ifndef ZDTOOL_MESSAGE_INPUT_H
 #define ZDTOOL_MESSAGE_INPUT_H
 
 #include <optional>
-#include <string>
 #include <string_view>
 
 #include "hex.h"
 
 namespace zdtool {
-
-// All bytes of a file; "-" is standard input. Throws std::system_error.
-std::string read_whole(const std::string &path);
 
 // The bytes that text writes down; blanks, line ends and | are skipped. Nothing when it is
 // something else; then *wrong is the offset in text at which it stops to be hexadecimal.

@@ -84,13 +84,12 @@ TEST(ZdtoolLiterals, ReadsAFileOrStandardInput) {
     std::remove(file.c_str());
 }
 
-TEST(ZdtoolLiterals, FileThatCannotBeReadIsAFault) {
+TEST(ZdtoolLiterals, FileThatCannotBeReadIsStatusTwo) {
     const ProgramRun run = literals("", {"/nonexistent/statement.sql"});
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(run.complaints,
-              "zdtool: /nonexistent/statement.sql: cannot be read: No such file or directory\n");
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.complaints, "zdtool: /nonexistent/statement.sql: No such file or directory\n");
     EXPECT_THAT(run.output, IsEmpty());
-    EXPECT_EQ(literals("", {"/"}).complaints, "zdtool: /: cannot be read: Is a directory\n");
+    EXPECT_EQ(literals("", {"/"}).complaints, "zdtool: /: Is a directory\n");
 }
 
 TEST(ZdtoolLiterals, ZeroByteIsNoSql) {
